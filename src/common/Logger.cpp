@@ -1,0 +1,246 @@
+#include "common/Logger.h"
+
+#include <QDBusConnection>
+#include <QDBusInterface>
+#include <QDateTime>
+#include <QFileInfo>
+
+#include <cstdarg>
+#include <cstdio>
+
+namespace Orvanta {
+
+namespace {
+constexpr char logSource[] = "Logger";
+constexpr int formatBufferSize = 1024;
+} // namespace
+
+Logger* Logger::instance = nullptr;
+
+Logger::Logger() = default;
+
+Logger::~Logger()
+{
+    delete dbusProxy;
+}
+
+void Logger::initialize()
+{
+    if (!instance) {
+        instance = new Logger();
+    }
+}
+
+Logger* Logger::getInstance()
+{
+    return instance;
+}
+
+void Logger::shutDown()
+{
+    if (!instance) {
+        return;
+    }
+    if (instance->logFile.isOpen()) {
+        instance->logFile.flush();
+        instance->logFile.close();
+    }
+    delete instance->dbusProxy;
+    instance->dbusProxy = nullptr;
+    delete instance;
+    instance = nullptr;
+}
+
+void Logger::enableStandardOutputChannel(Level level)
+{
+    if (instance) {
+        instance->standardOutputThreshold = level;
+    }
+}
+
+void Logger::enableFileChannel(Level level, QString fileName, bool append)
+{
+    if (!instance) {
+        return;
+    }
+    if (instance->fileThreshold != LEVEL_DISABLED) {
+        // Already on: only the threshold changes, the open file stays.
+        if (level == LEVEL_DISABLED) {
+            instance->logFile.flush();
+            instance->logFile.close();
+        }
+        instance->fileThreshold = level;
+        return;
+    }
+    if (level == LEVEL_DISABLED) {
+        return;
+    }
+    if (fileName.isEmpty()) {
+        instance->fileThreshold = level;
+        return;
+    }
+    instance->logFile.setFileName(fileName);
+    const QIODevice::OpenMode mode = append ? (QIODevice::WriteOnly | QIODevice::Append)
+                                            : (QIODevice::WriteOnly | QIODevice::Truncate);
+    if (!instance->logFile.open(mode)) {
+        instance->fileThreshold = level;
+        return;
+    }
+    // Written while the file threshold is still 0, so this line reaches the
+    // signal and the other channels but never the file it announces.
+    SELVANE_LOG(LEVEL_INFO, "Logfile opened: " + QFileInfo(fileName).absoluteFilePath());
+    instance->fileThreshold = level;
+}
+
+void Logger::enableDBusChannel(Level level, QString connectionName, QString serviceName,
+                               QString objectPath, QString sourceName, QString methodName)
+{
+    if (!instance) {
+        return;
+    }
+    instance->dbusThreshold = level;
+    instance->dbusConnectionName = connectionName;
+    instance->dbusServiceName = serviceName;
+    instance->dbusObjectPath = objectPath;
+    instance->dbusSourceName = sourceName;
+    instance->dbusMethodName = methodName;
+    if (level != LEVEL_DISABLED) {
+        instance->connectToDBus();
+    }
+}
+
+void Logger::write(Level level, QString file, QString function, int line, QString message)
+{
+    if (!instance || level > LEVEL_DEBUG) {
+        return;
+    }
+    const QString time = QDateTime::currentDateTime().toString("yyyy-MM-dd hh:mm:ss.zzz");
+    Q_EMIT instance->message(time, level, file, function, line, message);
+
+    if (level <= instance->standardOutputThreshold) {
+        instance->writeToStandardOut(level,
+                                     formatForLevel(time, level, file, function, line, message));
+    }
+    if (level <= instance->fileThreshold) {
+        instance->writeToFile(level, formatForLevel(time, level, file, function, line, message));
+    }
+    if (level <= instance->dbusThreshold) {
+        instance->writeToDBus(level, formatForLevel(time, level, file, function, line, message));
+    }
+}
+
+void Logger::write(Level level, QString file, QString function, int line, const char* format, ...)
+{
+    if (!instance) {
+        return;
+    }
+    char buffer[formatBufferSize];
+    va_list arguments;
+    va_start(arguments, format);
+    // One byte less than the buffer, as the daemon always did: at most 1022
+    // characters of a long message survive.
+    vsnprintf(buffer, formatBufferSize - 1, format, arguments);
+    va_end(arguments);
+    write(level, file, function, line, QString::fromLatin1(buffer));
+}
+
+QString Logger::levelToString(Level level)
+{
+    switch (level) {
+    case LEVEL_DISABLED:
+        return QStringLiteral("Disabled");
+    case LEVEL_ERROR:
+        return QStringLiteral("Error");
+    case LEVEL_WARNING:
+        return QStringLiteral("Warning");
+    case LEVEL_INFO:
+        return QStringLiteral("Info");
+    case LEVEL_BUG:
+        return QStringLiteral("Bug");
+    case LEVEL_DEBUG:
+        return QStringLiteral("Debug");
+    }
+    SELVANE_LOG(LEVEL_WARNING, "level is invalid: %d", static_cast<int>(level));
+    return QStringLiteral("Debug");
+}
+
+Logger::Level Logger::stringToLevel(QString text)
+{
+    static const struct
+    {
+        const char* text;
+        Level level;
+    } levels[] = {{"Disabled", LEVEL_DISABLED}, {"Error", LEVEL_ERROR}, {"Warning", LEVEL_WARNING},
+                  {"Info", LEVEL_INFO},         {"Debug", LEVEL_DEBUG}, {"Bug", LEVEL_BUG}};
+    for (const auto& entry : levels) {
+        if (text == QLatin1String(entry.text)) {
+            return entry.level;
+        }
+    }
+    SELVANE_LOG(LEVEL_WARNING,
+                "Could not decode string '" + text + "' to a level.  Defaulting to LEVEL_DEBUG");
+    return LEVEL_DEBUG;
+}
+
+QString Logger::formatForLevel(QString time, Level level, QString file, QString function, int line,
+                               QString message)
+{
+    // The message is substituted last, so a "%1" inside it is written unchanged.
+    return QStringLiteral("[%1] [%2] [%3:%4:%5] %6")
+        .arg(time)
+        .arg(levelToString(level))
+        .arg(file)
+        .arg(function)
+        .arg(line)
+        .arg(message);
+}
+
+void Logger::writeToStandardOut(Level, QString line)
+{
+    // Qt's debug output goes to standard error with a newline; written here
+    // directly so that the channel does not depend on which message handler
+    // (console or system journal) the Qt build picks by default.
+    const QByteArray bytes = line.toLatin1() + '\n';
+    fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stderr);
+    fflush(stderr);
+}
+
+void Logger::writeToFile(Level, QString line)
+{
+    if (!line.endsWith(QLatin1Char('\n'))) {
+        line += QLatin1Char('\n');
+    }
+    logFile.write(line.toLatin1());
+    logFile.flush();
+}
+
+void Logger::connectToDBus()
+{
+    if (dbusThreshold == LEVEL_DISABLED || dbusConnectionName.isEmpty() ||
+        dbusSourceName.isEmpty() || dbusServiceName.isEmpty() || dbusObjectPath.isEmpty()) {
+        return;
+    }
+    QDBusConnection connection(dbusConnectionName);
+    if (!connection.isConnected()) {
+        return;
+    }
+    delete dbusProxy;
+    dbusProxy = new QDBusInterface(dbusServiceName, dbusObjectPath, QString(), connection);
+    if (!dbusProxy->isValid()) {
+        delete dbusProxy;
+        dbusProxy = nullptr;
+    }
+}
+
+void Logger::writeToDBus(Level level, QString line)
+{
+    if (!dbusProxy) {
+        connectToDBus();
+        if (!dbusProxy) {
+            return;
+        }
+    }
+    dbusProxy->call(dbusMethodName, dbusSourceName, levelToString(level), line);
+}
+
+} // namespace Orvanta

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <QFile>
+#include <QObject>
+#include <QString>
+
+class QDBusInterface;
+
+namespace Orvanta {
+
+// Process-wide logging singleton. Every message is timestamped, emitted as the
+// `message` signal and written to each channel (standard output, file, D-Bus
+// method) whose threshold is at least the message's level. Threshold 0 turns a
+// channel off.
+class Logger : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum Level : int
+    {
+        LEVEL_DISABLED = 0,
+        LEVEL_ERROR = 1,
+        LEVEL_WARNING = 2,
+        LEVEL_INFO = 3,
+        LEVEL_BUG = 4,
+        LEVEL_DEBUG = 5
+    };
+
+    ~Logger() override;
+
+    static void initialize();
+    static Logger* getInstance();
+    static void shutDown();
+
+    static void enableStandardOutputChannel(Level level);
+    static void enableFileChannel(Level level, QString fileName, bool append);
+    static void enableDBusChannel(Level level, QString connectionName, QString serviceName,
+                                  QString objectPath, QString sourceName, QString methodName);
+
+    static void write(Level level, QString file, QString function, int line, QString message);
+    static void write(Level level, QString file, QString function, int line, const char* format,
+                      ...) __attribute__((format(printf, 5, 6)));
+
+    static QString levelToString(Level level);
+    static Level stringToLevel(QString text);
+
+Q_SIGNALS:
+    void message(QString time, Logger::Level level, QString file, QString function, int line,
+                 QString mesg);
+
+private:
+    Logger();
+
+    static QString formatForLevel(QString time, Level level, QString file, QString function,
+                                  int line, QString message);
+    void writeToStandardOut(Level level, QString line);
+    void writeToFile(Level level, QString line);
+    void connectToDBus();
+    void writeToDBus(Level level, QString line);
+
+    Level fileThreshold = LEVEL_DISABLED;
+    QFile logFile;
+    Level standardOutputThreshold = LEVEL_DISABLED;
+    Level dbusThreshold = LEVEL_DISABLED;
+    QString dbusConnectionName;
+    QString dbusSourceName;
+    QString dbusServiceName;
+    QString dbusObjectPath;
+    QString dbusMethodName;
+    QDBusInterface* dbusProxy = nullptr;
+
+    static Logger* instance;
+};
+
+} // namespace Orvanta
+
+// Logs through the singleton with the calling function's bare name and line.
+// Each source file defines `logSource`, the class's file name without extension:
+//     static constexpr char logSource[] = "EventDevice";
+// The level is written without its scope: SELVANE_LOG(LEVEL_INFO, "Opened %s", path).
+#define SELVANE_LOG(level, ...)                                                                    \
+    ::Orvanta::Logger::write(::Orvanta::Logger::level, QString::fromLatin1(logSource),             \
+                             QString::fromLatin1(__func__), __LINE__, __VA_ARGS__)
