@@ -1,0 +1,26 @@
+#pragma once
+
+#include <QString>
+
+// Control of the single daemon instance through its pid file.
+namespace Orvanta::Daemon {
+
+// The pid stored in the pid file, or 0 when the file is missing, unreadable or
+// does not hold a number.
+int getPid(QString pidFile);
+
+// True if the pid file names a live process whose executable is programPath.
+// A stale pid file whose pid now belongs to another program does not count.
+bool isProgramRunning(QString pidFile, QString programPath);
+
+// Forks into the background. The parent exits with status 0 inside this call;
+// the child writes its pid to the pid file and gets true. False means the fork
+// failed (the caller carries on in the foreground) or the pid file could not be
+// written.
+bool start(QString pidFile);
+
+// Sends SIGTERM to the process named by the pid file. Does not wait for it and
+// leaves the pid file to the stopped process.
+void stop(QString pidFile);
+
+} // namespace Orvanta::Daemon
