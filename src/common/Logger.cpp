@@ -4,6 +4,7 @@
 #include <QDBusInterface>
 #include <QDateTime>
 #include <QFileInfo>
+#include <QMessageLogContext>
 
 #include <cstdarg>
 #include <cstdio>
@@ -180,6 +181,31 @@ Logger::Level Logger::stringToLevel(QString text)
     SELVANE_LOG(LEVEL_WARNING,
                 "Could not decode string '" + text + "' to a level.  Defaulting to LEVEL_DEBUG");
     return LEVEL_DEBUG;
+}
+
+void Logger::forwardQtMessages()
+{
+    qInstallMessageHandler(
+        [](QtMsgType type, const QMessageLogContext& context, const QString& text) {
+            Level level = LEVEL_DEBUG;
+            switch (type) {
+            case QtDebugMsg:
+                level = LEVEL_DEBUG;
+                break;
+            case QtInfoMsg:
+                level = LEVEL_INFO;
+                break;
+            case QtWarningMsg:
+                level = LEVEL_WARNING;
+                break;
+            case QtCriticalMsg:
+            case QtFatalMsg:
+                level = LEVEL_ERROR;
+                break;
+            }
+            write(level, QStringLiteral("Qt"), QString::fromLatin1(context.category), context.line,
+                  text);
+        });
 }
 
 QString Logger::formatForLevel(QString time, Level level, QString file, QString function, int line,

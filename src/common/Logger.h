@@ -45,6 +45,12 @@ public:
     static QString levelToString(Level level);
     static Level stringToLevel(QString text);
 
+    // Sends Qt's own messages (qDebug, qWarning, ... from inside Qt) through
+    // write() with the source file "Qt" and the message's category as function,
+    // instead of to standard error. They are dropped while there is no
+    // instance. Callable before the application object exists.
+    static void forwardQtMessages();
+
 Q_SIGNALS:
     void message(QString time, Logger::Level level, QString file, QString function, int line,
                  QString mesg);

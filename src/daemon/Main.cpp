@@ -1,0 +1,135 @@
+#include "common/CommandLine.h"
+#include "common/Daemon.h"
+#include "common/Logger.h"
+#include "common/SignalRelay.h"
+#include "daemon/Selvane.h"
+
+#include "Paths.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QGuiApplication>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <execinfo.h>
+#include <memory>
+#include <unistd.h>
+
+namespace {
+constexpr char logSource[] = "Main";
+constexpr int maxBacktraceFrames = 100;
+} // namespace
+
+void segfault_handler(int)
+{
+    void* frames[maxBacktraceFrames];
+    const int frameCount = backtrace(frames, maxBacktraceFrames);
+    char** symbols = backtrace_symbols(frames, frameCount);
+    SELVANE_LOG(LEVEL_ERROR, "Received SIGSEGV.  Backtrace:");
+    if (!symbols) {
+        SELVANE_LOG(LEVEL_ERROR, "Backtrace is not available");
+    } else {
+        for (int i = 0; i < frameCount; ++i) {
+            SELVANE_LOG(LEVEL_ERROR, "%s", symbols[i]);
+        }
+        free(symbols);
+    }
+    QFile::remove(QString::fromLatin1(Orvanta::Paths::pidFile));
+    SELVANE_LOG(LEVEL_ERROR, "Exiting.");
+    // _exit, not exit: the static destructors of the libraries must not run on
+    // state that the fault may have left half-changed. Every log line is
+    // already flushed.
+    _exit(1);
+}
+
+// Runs on the event loop (see SignalRelay), not inside the signal handler.
+void quit_handler(int)
+{
+    SELVANE_LOG(LEVEL_INFO, "Received signal to quit");
+    QCoreApplication::quit();
+}
+
+int main(int argc, char* argv[])
+{
+    // The daemon draws its overlays itself through xcb, so Qt never needs a
+    // display: it always runs on the offscreen platform. That is asked for on
+    // a private argument vector rather than through QT_QPA_PLATFORM, which the
+    // commands the daemon runs would inherit. getopt_long reads the real argv.
+    char platformOption[] = "-platform";
+    char platformName[] = "offscreen";
+    char* qtArgv[] = {argv[0], platformOption, platformName, nullptr};
+    int qtArgc = 3;
+    // Qt's start-up chatter (such as the XDG_RUNTIME_DIR notice) goes to the
+    // log, not to the terminal, where the command line's answers are exact.
+    Orvanta::Logger::forwardQtMessages();
+    QGuiApplication app(qtArgc, qtArgv);
+    QCoreApplication::setApplicationName(QStringLiteral("selvane"));
+    QCoreApplication::setApplicationVersion(QStringLiteral("1.0"));
+    QCoreApplication::setOrganizationName(QStringLiteral("Orvanta"));
+    QCoreApplication::setOrganizationDomain(QStringLiteral("orvanta.com"));
+
+    Orvanta::CommandLine commandLine;
+    switch (commandLine.parse(argc, argv)) {
+    case Orvanta::CommandLine::RESULT_HELP:
+        printf("%s", Orvanta::CommandLine::usageText());
+        return 0;
+    case Orvanta::CommandLine::RESULT_INVALID:
+        printf("%s", Orvanta::CommandLine::usageText());
+        return 1;
+    case Orvanta::CommandLine::RESULT_RUN:
+        break;
+    }
+
+    const QString pidFile = QString::fromLatin1(Orvanta::Paths::pidFile);
+    if (commandLine.isPidRequested()) {
+        printf("%d\n", Orvanta::Daemon::getPid(pidFile));
+        return 0;
+    }
+    if (commandLine.isStopRequested()) {
+        Orvanta::Daemon::stop(pidFile);
+        return 0;
+    }
+    if (commandLine.isRestartRequested()) {
+        // Does not wait: if the old daemon is still alive at the running check
+        // below, the restart ends as "already running".
+        Orvanta::Daemon::stop(pidFile);
+    }
+
+    if (Orvanta::Daemon::isProgramRunning(pidFile, QCoreApplication::applicationFilePath())) {
+        printf("Program is already running.  Stop the existing program before starting another "
+               "one\n");
+        return 1;
+    }
+    if (commandLine.getConfigFileName().isEmpty()) {
+        // The logger is not initialised yet: this line reaches no channel and
+        // the exit status is all the caller sees.
+        SELVANE_LOG(LEVEL_ERROR, "Missing config file parameter.");
+        return 1;
+    }
+
+    // backtrace() loads its unwinder on first use; do that now rather than
+    // inside the SIGSEGV handler.
+    void* warmUp[1];
+    backtrace(warmUp, 1);
+    signal(SIGSEGV, segfault_handler);
+    const Orvanta::SignalRelay quitRelay({SIGINT, SIGTERM}, quit_handler);
+
+    Orvanta::Logger::initialize();
+    Orvanta::Logger::enableFileChannel(Orvanta::Logger::LEVEL_DEBUG, commandLine.getLogFileName(),
+                                       true);
+
+    // The parent exits with status 0 in here. Without a pid file the daemon
+    // still runs, only --pid, --stop and the running check cannot see it.
+    Orvanta::Daemon::start(pidFile);
+
+    auto selvane = std::make_unique<Selvane>(commandLine.getConfigFileName());
+    const int result = QCoreApplication::exec();
+    selvane.reset();
+
+    SELVANE_LOG(LEVEL_INFO, "selvane is exiting with exit code %d", result);
+    QFile::remove(pidFile);
+    Orvanta::Logger::shutDown();
+    return 0;
+}

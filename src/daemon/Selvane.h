@@ -1,0 +1,28 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QTimer>
+
+// The daemon's central object. It owns the handlers and drives all of them
+// from one repeating 100 ms timer: the program has no other periodic work and
+// no other thread.
+class Selvane : public QObject
+{
+    Q_OBJECT
+
+public:
+    // configFile is the key configuration file named on the command line.
+    explicit Selvane(QString configFile);
+    ~Selvane() override;
+
+    // Logs the state of the handlers.
+    void logStatus();
+
+public Q_SLOTS:
+    // One round of periodic work.
+    void update();
+
+private:
+    QTimer timer;
+};
