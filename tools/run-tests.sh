@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# Builds selvane and runs every test tier: the plain build, then the same
+# suite under AddressSanitizer and UndefinedBehaviorSanitizer, then the
+# configuration-line fuzzer for a bounded time. Installs the Debian packages it
+# needs when they are missing. Usage: tools/run-tests.sh [--quick]
+#   --quick   plain build and test only (no sanitizer build, no fuzzing)
+set -euo pipefail
+
+cd "$(dirname "$0")/.."
+root=$(pwd)
+quick=0
+[ "${1:-}" = "--quick" ] && quick=1
+
+packages=(
+    build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
+    qt6-base-dev qt6-base-dev-tools libqt6core5compat6-dev
+    libxcb1-dev libxcb-image0-dev libxcb-randr0-dev
+    dbus dbus-daemon umockdev libumockdev-dev
+    xvfb x11-utils x11-apps
+    qemu-system-x86 linux-image-amd64 busybox-static cpio xz-utils kmod
+    util-linux procps
+)
+
+install_missing_packages() {
+    local missing=()
+    for package in "${packages[@]}"; do
+        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
+            missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "== Installing missing packages: ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" -eq 0 ] || sudo=sudo
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+# Runs one build's whole suite; fails on a failed test and, because every tier
+# must really run, on a skipped one.
+build_and_test() {
+    local dir=$1
+    shift
+    echo "== Configuring $dir $*"
+    cmake -S "$root" -B "$root/$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+    echo "== Building $dir"
+    cmake --build "$root/$dir" -j"$(nproc)"
+    echo "== Testing $dir"
+    local log="$root/$dir/ctest-output.txt"
+    local status=0
+    ctest --test-dir "$root/$dir" --output-on-failure --timeout 600 2>&1 | tee "$log" || status=$?
+    if grep -q 'The following tests did not run' "$log"; then
+        echo "== $dir: some tests were skipped: every tier must run" >&2
+        status=1
+    fi
+    return $status
+}
+
+install_missing_packages
+build_and_test build
+if [ $quick -eq 0 ]; then
+    build_and_test build-sanitize -DSELVANE_SANITIZE=ON
+    if [ -x "$root/fuzz/run-fuzzer.sh" ]; then
+        "$root/fuzz/run-fuzzer.sh" "$root/build-fuzz" 60
+    fi
+fi
+echo "== All tests passed"
