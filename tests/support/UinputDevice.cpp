@@ -105,6 +105,15 @@ bool UinputDevice::create(const DeviceSpec& spec)
         error = systemError("UI_DEV_CREATE");
         return false;
     }
+    // The kernel repeats a held key every 33 ms after 250 ms. A busy VM can
+    // stall that long between two steps of a test, and the repeats would then
+    // push the test's own events out of a reader's next read. A repeat period
+    // of 0 stops it; tests that want repeats send them (value 2) themselves.
+    // The SYN_REPORT flushes it now instead of in front of the first key.
+    if (spec.eventTypes.contains(EV_REP) && !(send(EV_REP, REP_PERIOD, 0) && sync())) {
+        error = systemError("switching off key repeat");
+        return false;
+    }
     return true;
 }
 

@@ -23,7 +23,8 @@ char* toString(const UinputLedEvent& event);
 // A kernel input device made from a DeviceSpec through /dev/uinput. It gets a
 // real /dev/input/eventN node (devtmpfs must be mounted), reports the events
 // the test types, receives the LED events that evdev clients write, and goes
-// away on unplug() or destruction. Needs write access to /dev/uinput.
+// away on unplug() or destruction. The kernel's key repeat is off, so every
+// event comes from the test. Needs write access to /dev/uinput.
 class UinputDevice
 {
 public:

@@ -48,5 +48,6 @@ mount -t sysfs sysfs /newroot/sys || fail "could not mount /sys"
 mkdir -p "/newroot$share" 2>/dev/null
 mount -t 9p -o "$ninep" buildshare "/newroot$share" || fail "could not mount $share"
 
+echo "vm-init: ready after $(cut -d' ' -f1 /proc/uptime)s of guest time"
 chroot /newroot /bin/sh "$plan"
 finish $?

@@ -40,7 +40,7 @@ bool bitIsSet(const unsigned char* bits, int bit)
 
 } // namespace
 
-class UinputFixtureTest : public QObject
+class UinputDeviceTest : public QObject
 {
     Q_OBJECT
 
@@ -69,6 +69,16 @@ private Q_SLOTS:
         QVERIFY(bitIsSet(leds, LED_CAPSL));
         QVERIFY(bitIsSet(leds, LED_SCROLLL));
         QVERIFY(!bitIsSet(leds, LED_COMPOSE));
+    }
+
+    void keyboardDoesNotRepeatHeldKeys()
+    {
+        UinputDevice keyboard(DeviceSpec::keyboard());
+        QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
+        NodeReader reader(keyboard.devicePath());
+        int repeat[2] = {-1, -1};
+        QVERIFY(::ioctl(reader.fd, EVIOCGREP, repeat) >= 0);
+        QCOMPARE(repeat[1], 0); // REP_PERIOD
     }
 
     void mouseWithoutKeysOrLedsOfAKeyboard()
@@ -140,5 +150,5 @@ private Q_SLOTS:
     }
 };
 
-SELVANE_UINPUT_TEST_MAIN(UinputFixtureTest)
-#include "test_uinput_fixture.moc"
+SELVANE_UINPUT_TEST_MAIN(UinputDeviceTest)
+#include "test_uinputdevice.moc"
