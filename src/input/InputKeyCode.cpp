@@ -1,0 +1,303 @@
+#include "input/InputKeyCode.h"
+
+#include "common/Logger.h"
+
+#include <linux/input-event-codes.h>
+
+#include <iterator>
+#include <utility>
+
+namespace {
+constexpr char logSource[] = "InputKeyCode";
+
+// Codes above this are reported; it is one less than the kernel's KEY_MAX.
+constexpr int highestValidCode = KEY_MAX - 1;
+
+struct TableEntry
+{
+    const char* name;
+    int code;
+};
+
+// The keys a configuration may name, in ascending byte order of their names. Codes come from
+// the kernel header, so the table cannot drift from the values devices report.
+constexpr TableEntry table[] = {
+    {"BTN_EXTRA", BTN_EXTRA},
+    {"BTN_LEFT", BTN_LEFT},
+    {"BTN_MIDDLE", BTN_MIDDLE},
+    {"BTN_RIGHT", BTN_RIGHT},
+    {"BTN_SIDE", BTN_SIDE},
+    {"KEY_0", KEY_0},
+    {"KEY_1", KEY_1},
+    {"KEY_102ND", KEY_102ND},
+    {"KEY_2", KEY_2},
+    {"KEY_3", KEY_3},
+    {"KEY_4", KEY_4},
+    {"KEY_5", KEY_5},
+    {"KEY_6", KEY_6},
+    {"KEY_7", KEY_7},
+    {"KEY_8", KEY_8},
+    {"KEY_9", KEY_9},
+    {"KEY_A", KEY_A},
+    {"KEY_AGAIN", KEY_AGAIN},
+    {"KEY_ALTERASE", KEY_ALTERASE},
+    {"KEY_APOSTROPHE", KEY_APOSTROPHE},
+    {"KEY_B", KEY_B},
+    {"KEY_BACK", KEY_BACK},
+    {"KEY_BACKSLASH", KEY_BACKSLASH},
+    {"KEY_BACKSPACE", KEY_BACKSPACE},
+    {"KEY_BASSBOOST", KEY_BASSBOOST},
+    {"KEY_BATTERY", KEY_BATTERY},
+    {"KEY_BLUETOOTH", KEY_BLUETOOTH},
+    {"KEY_BOOKMARKS", KEY_BOOKMARKS},
+    {"KEY_BRIGHTNESSDOWN", KEY_BRIGHTNESSDOWN},
+    {"KEY_BRIGHTNESSUP", KEY_BRIGHTNESSUP},
+    {"KEY_BRIGHTNESS_CYCLE", KEY_BRIGHTNESS_CYCLE},
+    {"KEY_BRIGHTNESS_ZERO", KEY_BRIGHTNESS_ZERO},
+    {"KEY_C", KEY_C},
+    {"KEY_CALC", KEY_CALC},
+    {"KEY_CAMERA", KEY_CAMERA},
+    {"KEY_CANCEL", KEY_CANCEL},
+    {"KEY_CAPSLOCK", KEY_CAPSLOCK},
+    {"KEY_CHAT", KEY_CHAT},
+    {"KEY_CLOSE", KEY_CLOSE},
+    {"KEY_CLOSECD", KEY_CLOSECD},
+    {"KEY_COFFEE", KEY_COFFEE},
+    {"KEY_COMMA", KEY_COMMA},
+    {"KEY_COMPOSE", KEY_COMPOSE},
+    {"KEY_COMPUTER", KEY_COMPUTER},
+    {"KEY_CONFIG", KEY_CONFIG},
+    {"KEY_CONNECT", KEY_CONNECT},
+    {"KEY_COPY", KEY_COPY},
+    {"KEY_CUT", KEY_CUT},
+    {"KEY_CYCLEWINDOWS", KEY_CYCLEWINDOWS},
+    {"KEY_D", KEY_D},
+    {"KEY_DELETE", KEY_DELETE},
+    {"KEY_DELETEFILE", KEY_DELETEFILE},
+    {"KEY_DIRECTION", KEY_DIRECTION},
+    {"KEY_DISPLAY_OFF", KEY_DISPLAY_OFF},
+    {"KEY_DOCUMENTS", KEY_DOCUMENTS},
+    {"KEY_DOT", KEY_DOT},
+    {"KEY_DOWN", KEY_DOWN},
+    {"KEY_E", KEY_E},
+    {"KEY_EDIT", KEY_EDIT},
+    {"KEY_EJECTCD", KEY_EJECTCD},
+    {"KEY_EJECTCLOSECD", KEY_EJECTCLOSECD},
+    {"KEY_EMAIL", KEY_EMAIL},
+    {"KEY_END", KEY_END},
+    {"KEY_ENTER", KEY_ENTER},
+    {"KEY_EQUAL", KEY_EQUAL},
+    {"KEY_ESC", KEY_ESC},
+    {"KEY_EXIT", KEY_EXIT},
+    {"KEY_F", KEY_F},
+    {"KEY_F1", KEY_F1},
+    {"KEY_F10", KEY_F10},
+    {"KEY_F11", KEY_F11},
+    {"KEY_F12", KEY_F12},
+    {"KEY_F13", KEY_F13},
+    {"KEY_F14", KEY_F14},
+    {"KEY_F15", KEY_F15},
+    {"KEY_F16", KEY_F16},
+    {"KEY_F17", KEY_F17},
+    {"KEY_F18", KEY_F18},
+    {"KEY_F19", KEY_F19},
+    {"KEY_F2", KEY_F2},
+    {"KEY_F20", KEY_F20},
+    {"KEY_F21", KEY_F21},
+    {"KEY_F22", KEY_F22},
+    {"KEY_F23", KEY_F23},
+    {"KEY_F24", KEY_F24},
+    {"KEY_F3", KEY_F3},
+    {"KEY_F4", KEY_F4},
+    {"KEY_F5", KEY_F5},
+    {"KEY_F6", KEY_F6},
+    {"KEY_F7", KEY_F7},
+    {"KEY_F8", KEY_F8},
+    {"KEY_F9", KEY_F9},
+    {"KEY_FASTFORWARD", KEY_FASTFORWARD},
+    {"KEY_FILE", KEY_FILE},
+    {"KEY_FINANCE", KEY_FINANCE},
+    {"KEY_FIND", KEY_FIND},
+    {"KEY_FORWARD", KEY_FORWARD},
+    {"KEY_FORWARDMAIL", KEY_FORWARDMAIL},
+    {"KEY_FRONT", KEY_FRONT},
+    {"KEY_G", KEY_G},
+    {"KEY_GRAVE", KEY_GRAVE},
+    {"KEY_H", KEY_H},
+    {"KEY_HANGEUL", KEY_HANGEUL},
+    {"KEY_HANJA", KEY_HANJA},
+    {"KEY_HELP", KEY_HELP},
+    {"KEY_HENKAN", KEY_HENKAN},
+    {"KEY_HIRAGANA", KEY_HIRAGANA},
+    {"KEY_HOME", KEY_HOME},
+    {"KEY_HOMEPAGE", KEY_HOMEPAGE},
+    {"KEY_HP", KEY_HP},
+    {"KEY_I", KEY_I},
+    {"KEY_INSERT", KEY_INSERT},
+    {"KEY_ISO", KEY_ISO},
+    {"KEY_J", KEY_J},
+    {"KEY_K", KEY_K},
+    {"KEY_KATAKANA", KEY_KATAKANA},
+    {"KEY_KATAKANAHIRAGANA", KEY_KATAKANAHIRAGANA},
+    {"KEY_KBDILLUMDOWN", KEY_KBDILLUMDOWN},
+    {"KEY_KBDILLUMTOGGLE", KEY_KBDILLUMTOGGLE},
+    {"KEY_KBDILLUMUP", KEY_KBDILLUMUP},
+    {"KEY_KP0", KEY_KP0},
+    {"KEY_KP1", KEY_KP1},
+    {"KEY_KP2", KEY_KP2},
+    {"KEY_KP3", KEY_KP3},
+    {"KEY_KP4", KEY_KP4},
+    {"KEY_KP5", KEY_KP5},
+    {"KEY_KP6", KEY_KP6},
+    {"KEY_KP7", KEY_KP7},
+    {"KEY_KP8", KEY_KP8},
+    {"KEY_KP9", KEY_KP9},
+    {"KEY_KPASTERISK", KEY_KPASTERISK},
+    {"KEY_KPCOMMA", KEY_KPCOMMA},
+    {"KEY_KPDOT", KEY_KPDOT},
+    {"KEY_KPENTER", KEY_KPENTER},
+    {"KEY_KPEQUAL", KEY_KPEQUAL},
+    {"KEY_KPJPCOMMA", KEY_KPJPCOMMA},
+    {"KEY_KPLEFTPAREN", KEY_KPLEFTPAREN},
+    {"KEY_KPMINUS", KEY_KPMINUS},
+    {"KEY_KPPLUS", KEY_KPPLUS},
+    {"KEY_KPPLUSMINUS", KEY_KPPLUSMINUS},
+    {"KEY_KPRIGHTPAREN", KEY_KPRIGHTPAREN},
+    {"KEY_KPSLASH", KEY_KPSLASH},
+    {"KEY_L", KEY_L},
+    {"KEY_LEFT", KEY_LEFT},
+    {"KEY_LEFTALT", KEY_LEFTALT},
+    {"KEY_LEFTBRACE", KEY_LEFTBRACE},
+    {"KEY_LEFTCTRL", KEY_LEFTCTRL},
+    {"KEY_LEFTMETA", KEY_LEFTMETA},
+    {"KEY_LEFTSHIFT", KEY_LEFTSHIFT},
+    {"KEY_LINEFEED", KEY_LINEFEED},
+    {"KEY_M", KEY_M},
+    {"KEY_MACRO", KEY_MACRO},
+    {"KEY_MAIL", KEY_MAIL},
+    {"KEY_MEDIA", KEY_MEDIA},
+    {"KEY_MENU", KEY_MENU},
+    {"KEY_MINUS", KEY_MINUS},
+    {"KEY_MOVE", KEY_MOVE},
+    {"KEY_MSDOS", KEY_MSDOS},
+    {"KEY_MUHENKAN", KEY_MUHENKAN},
+    {"KEY_MUTE", KEY_MUTE},
+    {"KEY_N", KEY_N},
+    {"KEY_NEW", KEY_NEW},
+    {"KEY_NEXTSONG", KEY_NEXTSONG},
+    {"KEY_NUMLOCK", KEY_NUMLOCK},
+    {"KEY_O", KEY_O},
+    {"KEY_OPEN", KEY_OPEN},
+    {"KEY_P", KEY_P},
+    {"KEY_PAGEDOWN", KEY_PAGEDOWN},
+    {"KEY_PAGEUP", KEY_PAGEUP},
+    {"KEY_PASTE", KEY_PASTE},
+    {"KEY_PAUSE", KEY_PAUSE},
+    {"KEY_PAUSECD", KEY_PAUSECD},
+    {"KEY_PHONE", KEY_PHONE},
+    {"KEY_PLAY", KEY_PLAY},
+    {"KEY_PLAYCD", KEY_PLAYCD},
+    {"KEY_PLAYPAUSE", KEY_PLAYPAUSE},
+    {"KEY_POWER", KEY_POWER},
+    {"KEY_PREVIOUSSONG", KEY_PREVIOUSSONG},
+    {"KEY_PRINT", KEY_PRINT},
+    {"KEY_PROG1", KEY_PROG1},
+    {"KEY_PROG2", KEY_PROG2},
+    {"KEY_PROG3", KEY_PROG3},
+    {"KEY_PROG4", KEY_PROG4},
+    {"KEY_PROPS", KEY_PROPS},
+    {"KEY_Q", KEY_Q},
+    {"KEY_QUESTION", KEY_QUESTION},
+    {"KEY_R", KEY_R},
+    {"KEY_RECORD", KEY_RECORD},
+    {"KEY_REDO", KEY_REDO},
+    {"KEY_REFRESH", KEY_REFRESH},
+    {"KEY_REPLY", KEY_REPLY},
+    {"KEY_RESERVED", KEY_RESERVED},
+    {"KEY_REWIND", KEY_REWIND},
+    {"KEY_RIGHT", KEY_RIGHT},
+    {"KEY_RIGHTALT", KEY_RIGHTALT},
+    {"KEY_RIGHTBRACE", KEY_RIGHTBRACE},
+    {"KEY_RIGHTCTRL", KEY_RIGHTCTRL},
+    {"KEY_RIGHTMETA", KEY_RIGHTMETA},
+    {"KEY_RIGHTSHIFT", KEY_RIGHTSHIFT},
+    {"KEY_RO", KEY_RO},
+    {"KEY_S", KEY_S},
+    {"KEY_SAVE", KEY_SAVE},
+    {"KEY_SCROLLDOWN", KEY_SCROLLDOWN},
+    {"KEY_SCROLLLOCK", KEY_SCROLLLOCK},
+    {"KEY_SCROLLUP", KEY_SCROLLUP},
+    {"KEY_SEARCH", KEY_SEARCH},
+    {"KEY_SEMICOLON", KEY_SEMICOLON},
+    {"KEY_SEND", KEY_SEND},
+    {"KEY_SENDFILE", KEY_SENDFILE},
+    {"KEY_SETUP", KEY_SETUP},
+    {"KEY_SHOP", KEY_SHOP},
+    {"KEY_SLASH", KEY_SLASH},
+    {"KEY_SLEEP", KEY_SLEEP},
+    {"KEY_SOUND", KEY_SOUND},
+    {"KEY_SPACE", KEY_SPACE},
+    {"KEY_SPORT", KEY_SPORT},
+    {"KEY_STOP", KEY_STOP},
+    {"KEY_STOPCD", KEY_STOPCD},
+    {"KEY_SUSPEND", KEY_SUSPEND},
+    {"KEY_SWITCHVIDEOMODE", KEY_SWITCHVIDEOMODE},
+    {"KEY_SYSRQ", KEY_SYSRQ},
+    {"KEY_T", KEY_T},
+    {"KEY_TAB", KEY_TAB},
+    {"KEY_U", KEY_U},
+    {"KEY_UNDO", KEY_UNDO},
+    {"KEY_UNKNOWN", KEY_UNKNOWN},
+    {"KEY_UP", KEY_UP},
+    {"KEY_UWB", KEY_UWB},
+    {"KEY_V", KEY_V},
+    {"KEY_VIDEO_NEXT", KEY_VIDEO_NEXT},
+    {"KEY_VIDEO_PREV", KEY_VIDEO_PREV},
+    {"KEY_VOLUMEDOWN", KEY_VOLUMEDOWN},
+    {"KEY_VOLUMEUP", KEY_VOLUMEUP},
+    {"KEY_W", KEY_W},
+    {"KEY_WAKEUP", KEY_WAKEUP},
+    {"KEY_WIMAX", KEY_WIMAX},
+    {"KEY_WLAN", KEY_WLAN},
+    {"KEY_WWW", KEY_WWW},
+    {"KEY_X", KEY_X},
+    {"KEY_XFER", KEY_XFER},
+    {"KEY_Y", KEY_Y},
+    {"KEY_YEN", KEY_YEN},
+    {"KEY_Z", KEY_Z},
+    {"KEY_ZENKAKUHANKAKU", KEY_ZENKAKUHANKAKU},
+};
+} // namespace
+
+QVector<const InputKeyCode*> InputKeyCode::keyCodes;
+
+InputKeyCode::InputKeyCode(QString keyName, int keyCode) : name(std::move(keyName)), code(keyCode)
+{
+    if (code > highestValidCode) {
+        SELVANE_LOG(LEVEL_BUG, "code is invalid: %d", code);
+    }
+}
+
+void InputKeyCode::buildTable()
+{
+    keyCodes.reserve(keyCodes.size() + int(std::size(table)));
+    for (const TableEntry& entry : table) {
+        keyCodes.append(new InputKeyCode(QString::fromLatin1(entry.name), entry.code));
+    }
+}
+
+void InputKeyCode::cleanupTable()
+{
+    qDeleteAll(keyCodes);
+    keyCodes.clear();
+}
+
+const InputKeyCode* InputKeyCode::keyCodeFindByName(QString name)
+{
+    for (const InputKeyCode* keyCode : std::as_const(keyCodes)) {
+        if (keyCode->name == name) {
+            return keyCode;
+        }
+    }
+    return nullptr;
+}
