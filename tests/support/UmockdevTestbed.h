@@ -26,6 +26,10 @@
 // worker thread of this process) and start the client with clientEnvironment(), which holds
 // LD_PRELOAD and UMOCKDEV_DIR (= rootDir()). Node paths are those returned by addDevice().
 //
+// One testbed at a time per process: its constructor points UMOCKDEV_DIR at itself and its
+// destructor unsets it. umockdev answers the emulated ioctls from a worker thread of its own, so
+// neither a GLib main loop nor the Qt event loop has to run for them.
+//
 // Timing: the nodes are pseudo terminals, so bytes written on one side reach the other side a
 // moment later, not during write(). Wait with waitForPendingInput() (towards the code under test)
 // or readEvents() (from the code under test) instead of sleeping.
