@@ -1,0 +1,179 @@
+#include "sequences/AssignedDeviceHandler.h"
+
+#include "common/Logger.h"
+#include "input/EventDevice.h"
+#include "sequences/KeySequence.h"
+#include "sequences/SystemCommandAction.h"
+#include "sequences/TriggeredAction.h"
+
+#include <QFile>
+
+namespace {
+constexpr char logSource[] = "AssignedDeviceHandler";
+// Lines are read in pieces of at most 255 characters; the rest of a longer
+// line is taken as a line of its own.
+constexpr int lineBufferSize = 256;
+} // namespace
+
+AssignedDeviceHandler::AssignedDeviceHandler(QString configFileName)
+{
+    parseConfigFile(configFileName);
+}
+
+AssignedDeviceHandler::~AssignedDeviceHandler()
+{
+    qDeleteAll(assignedDevices);
+    qDeleteAll(keySequences);
+    qDeleteAll(triggeredActions);
+}
+
+void AssignedDeviceHandler::parseConfigFile(QString configFileName)
+{
+    if (configFileName.isEmpty()) {
+        SELVANE_LOG(LEVEL_ERROR, "configFileName is empty");
+        return;
+    }
+    QFile file(configFileName);
+    if (!file.open(QIODevice::ReadOnly)) {
+        SELVANE_LOG(LEVEL_ERROR, "Could not open config file " + configFileName);
+        return;
+    }
+    SELVANE_LOG(LEVEL_INFO, "Parsing config file " + configFileName);
+
+    char buffer[lineBufferSize];
+    qint64 length;
+    while ((length = file.readLine(buffer, sizeof buffer)) > 0) {
+        // Latin-1 keeps every byte of the file as it is, so the command later
+        // reaches the shell unchanged.
+        const QString line = QString::fromLatin1(buffer, static_cast<int>(length));
+        // Only the first character decides: an indented comment is a bad line.
+        if (line.at(0) == QLatin1Char('#') || line.at(0) == QLatin1Char('\n')) {
+            continue;
+        }
+        auto* sequence = new KeySequence(line, this);
+        if (sequence->isValid()) {
+            keySequences.append(sequence);
+        } else {
+            delete sequence;
+        }
+    }
+    file.close();
+    SELVANE_LOG(LEVEL_INFO, "Parsed %d key sequence(s).", static_cast<int>(keySequences.size()));
+}
+
+bool AssignedDeviceHandler::addAssignedDevice(QString deviceFileName, int stationId)
+{
+    const int previousCount = assignedDevices.size();
+    EventDevice* device = getEventDevice(deviceFileName);
+    if (!device) {
+        SELVANE_LOG(LEVEL_INFO, "Adding assigned device " + deviceFileName);
+        device = new EventDevice(deviceFileName);
+        if (device->getFd() == -1) {
+            delete device;
+            return false;
+        }
+        connect(device, &EventDevice::keymapChanged, this, &AssignedDeviceHandler::keymapChanged);
+        assignedDevices.append(device);
+    }
+    device->setDeviceVariable(QStringLiteral("station_id"), QString::number(stationId));
+    if (assignedDevices.size() != previousCount) {
+        Q_EMIT assignedDevicesChanged();
+    }
+    return true;
+}
+
+void AssignedDeviceHandler::removeAssignedDevice(QString deviceFileName)
+{
+    EventDevice* device = getEventDevice(deviceFileName);
+    if (!device) {
+        SELVANE_LOG(LEVEL_WARNING, "The event device " + deviceFileName +
+                                       " is not being used.  There's nothing to remove");
+        return;
+    }
+    SELVANE_LOG(LEVEL_INFO, "Removing assigned device " + device->getDeviceFileName());
+    // Its pending triggers stay listed; they lose their device with it and can
+    // never fire again.
+    assignedDevices.removeOne(device);
+    delete device;
+    Q_EMIT assignedDevicesChanged();
+}
+
+EventDevice* AssignedDeviceHandler::getEventDevice(QString deviceFileName)
+{
+    for (EventDevice* device : qAsConst(assignedDevices)) {
+        if (device->getDeviceFileName() == deviceFileName) {
+            return device;
+        }
+    }
+    return nullptr;
+}
+
+void AssignedDeviceHandler::update()
+{
+    EventDevice::readEvents(assignedDevices);
+    for (const EventDevice* device : qAsConst(assignedDevices)) {
+        if (device->getFd() == -1) {
+            deleteTriggeredAction(device);
+        }
+    }
+    EventDevice::deleteClosedEventDevices(assignedDevices);
+}
+
+void AssignedDeviceHandler::actionTriggered(const SystemCommandAction* action,
+                                            const EventDevice* device)
+{
+    for (const TriggeredAction* triggered : qAsConst(triggeredActions)) {
+        if (triggered->getAction() == action && triggered->getEventDevice() == device) {
+            return;
+        }
+    }
+    triggeredActions.append(new TriggeredAction(action, device));
+}
+
+void AssignedDeviceHandler::deleteTriggeredAction(const EventDevice* device)
+{
+    // The index advances after a removal too, so of two adjacent entries of
+    // the device the second one is passed over and stays.
+    for (int i = 0; i < triggeredActions.size(); ++i) {
+        if (triggeredActions.at(i)->getEventDevice() == device) {
+            delete triggeredActions.takeAt(i);
+        }
+    }
+}
+
+void AssignedDeviceHandler::logStatus()
+{
+    SELVANE_LOG(LEVEL_INFO, "There are %d assigned device(s) being managed:",
+                static_cast<int>(assignedDevices.size()));
+    for (const EventDevice* device : qAsConst(assignedDevices)) {
+        SELVANE_LOG(LEVEL_INFO, "Assigned device: " + device->getDeviceFileName());
+    }
+}
+
+void AssignedDeviceHandler::keymapChanged(const EventDevice* device)
+{
+    if (!device) {
+        SELVANE_LOG(LEVEL_BUG, "eventDevice is NULL");
+        return;
+    }
+    for (const KeySequence* sequence : qAsConst(keySequences)) {
+        sequence->checkForValidSequence(device);
+    }
+    // The press that completes a match leaves keys down, so a command recorded
+    // just now never runs in the same call.
+    if (device->isKeyPressed()) {
+        return;
+    }
+    for (int i = 0; i < triggeredActions.size();) {
+        TriggeredAction* triggered = triggeredActions.at(i);
+        if (triggered->getEventDevice() != device) {
+            ++i;
+            continue;
+        }
+        if (const SystemCommandAction* action = triggered->getAction()) {
+            action->executeCommand(device);
+        }
+        triggeredActions.removeAt(i);
+        delete triggered;
+    }
+}

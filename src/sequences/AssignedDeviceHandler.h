@@ -1,0 +1,48 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QVector>
+
+class EventDevice;
+class KeySequence;
+class SystemCommandAction;
+class TriggeredAction;
+
+// Owns the devices assigned to stations and the key sequences of the key
+// configuration file. After each key event of a device it tests every
+// sequence; a matched command runs once every key of that device is up again.
+class AssignedDeviceHandler : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit AssignedDeviceHandler(QString configFileName);
+    ~AssignedDeviceHandler() override;
+
+    void parseConfigFile(QString configFileName);
+
+    // Opens the device (unless it is already assigned) and sets its
+    // "station_id". False only when the device could not be used.
+    bool addAssignedDevice(QString deviceFileName, int stationId);
+    void removeAssignedDevice(QString deviceFileName);
+    EventDevice* getEventDevice(QString deviceFileName);
+
+    // One pass: read every device, drop the unplugged ones.
+    void update();
+
+    void actionTriggered(const SystemCommandAction* action, const EventDevice* device);
+    void deleteTriggeredAction(const EventDevice* device);
+    void logStatus();
+
+public Q_SLOTS:
+    void keymapChanged(const EventDevice* device);
+
+Q_SIGNALS:
+    void assignedDevicesChanged();
+
+private:
+    QVector<EventDevice*> assignedDevices;
+    QVector<KeySequence*> keySequences;
+    QVector<TriggeredAction*> triggeredActions;
+};

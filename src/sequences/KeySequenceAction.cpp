@@ -1,0 +1,5 @@
+#include "sequences/KeySequenceAction.h"
+
+KeySequenceAction::KeySequenceAction() = default;
+
+KeySequenceAction::~KeySequenceAction() = default;
