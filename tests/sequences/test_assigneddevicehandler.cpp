@@ -1,0 +1,239 @@
+#include "LogCapture.h"
+
+#include "input/EventDevice.h"
+#include "input/InputKeyCode.h"
+#include "sequences/AssignedDeviceHandler.h"
+#include "sequences/SystemCommandAction.h"
+
+#include <QtTest>
+
+using Orvanta::Logger;
+
+namespace {
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+} // namespace
+
+// The handler without devices that can be opened: configuration file reading,
+// device book-keeping and the list of triggered actions.
+class AssignedDeviceHandlerTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { InputKeyCode::buildTable(); }
+    void cleanupTestCase() { InputKeyCode::cleanupTable(); }
+    void init()
+    {
+        dir.reset(new QTemporaryDir);
+        QVERIFY(dir->isValid());
+    }
+
+    void configFile_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<int>("parsed");
+        QTest::addColumn<QStringList>("warnings");
+
+        QTest::newRow("a comment, an empty line and one sequence")
+            << QByteArray("# comment\n\nKEY_LEFTCTRL:KEY_F1:cmd\n") << 1 << QStringList{};
+        QTest::newRow("an indented comment is a bad line")
+            << QByteArray(" # comment\nKEY_LEFTCTRL:KEY_F1:cmd\n") << 1
+            << QStringList{"Could not parse line from configuration file:  # comment\n"};
+        QTest::newRow("a line of blanks is a bad line")
+            << QByteArray("   \n") << 0
+            << QStringList{"Could not parse line from configuration file:    \n"};
+        QTest::newRow("a comment right after the keys is part of the command")
+            << QByteArray("KEY_LEFTCTRL:KEY_F1:cmd # note\n") << 1 << QStringList{};
+        QTest::newRow("the last line needs no line break")
+            << QByteArray("KEY_LEFTCTRL:KEY_F1:cmd\nKEY_LEFTCTRL:KEY_F2:cmd") << 2 << QStringList{};
+        QTest::newRow("invalid sequences are dropped, valid ones kept")
+            << QByteArray("KEY_LEFTCTRL:KEY_F1:cmd\n:KEY_F2:cmd\nKEY_NOPE:KEY_F3:cmd\n"
+                          "KEY_LEFTCTRL:KEY_F1:other\n")
+            << 2 << QStringList{"Cannot find key for KEY_NOPE.  Ignoring key."};
+        QTest::newRow("duplicates are kept")
+            << QByteArray("KEY_LEFTCTRL:KEY_F1:cmd\nKEY_LEFTCTRL:KEY_F1:cmd\n") << 2
+            << QStringList{};
+        QTest::newRow("an empty file") << QByteArray() << 0 << QStringList{};
+
+        // Read 255 characters at a time: the rest of a longer line is a line of
+        // its own.
+        const QByteArray first = QByteArray("KEY_LEFTCTRL:KEY_F1:echo a").leftJustified(255, ' ');
+        QTest::newRow("the rest of a long line is parsed as a line of its own")
+            << first + "KEY_LEFTCTRL:KEY_F2:echo b\n"
+            << 2 << QStringList{};
+        QTest::newRow("an unparsable rest of a long line is reported alone")
+            << first + "tail of the line\n"
+            << 1 << QStringList{"Could not parse line from configuration file: tail of the line\n"};
+        QTest::newRow("a line of exactly 255 characters leaves an empty rest")
+            << first + "\n"
+            << 1 << QStringList{};
+        const QByteArray comment = QByteArray("# ").leftJustified(255, 'c');
+        QTest::newRow("the rest of a long comment is not a comment")
+            << comment + "KEY_LEFTCTRL:KEY_F1:cmd\n"
+            << 1 << QStringList{};
+    }
+
+    void configFile()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(int, parsed);
+        QFETCH(QStringList, warnings);
+
+        const QString name = writeConfig(content);
+        LogCapture capture;
+        AssignedDeviceHandler handler(name);
+
+        const LogCapture::Entry* start = capture.find("Parsing config file " + name);
+        QVERIFY(start);
+        QCOMPARE(start->level, Logger::LEVEL_INFO);
+        QCOMPARE(start->function, QString("parseConfigFile"));
+        const LogCapture::Entry* result =
+            capture.find(QString("Parsed %1 key sequence(s).").arg(parsed));
+        QVERIFY2(result, qPrintable(capture.messages().join(" | ")));
+        QCOMPARE(result->level, Logger::LEVEL_INFO);
+        QCOMPARE(result->file, QString("AssignedDeviceHandler"));
+        QCOMPARE(result->function, QString("parseConfigFile"));
+
+        QStringList logged;
+        for (const LogCapture::Entry& entry : capture.entries()) {
+            if (entry.level == Logger::LEVEL_WARNING) {
+                logged.append(entry.message);
+            }
+        }
+        QCOMPARE(logged, warnings);
+    }
+
+    void emptyConfigFileName()
+    {
+        LogCapture capture;
+        AssignedDeviceHandler handler("");
+        QCOMPARE(capture.messages(), QStringList{"configFileName is empty"});
+        QCOMPARE(capture.entries().first().level, Logger::LEVEL_ERROR);
+        QCOMPARE(capture.entries().first().function, QString("parseConfigFile"));
+    }
+
+    void missingConfigFile()
+    {
+        const QString name = dir->filePath("missing.conf");
+        LogCapture capture;
+        AssignedDeviceHandler handler(name);
+        QCOMPARE(capture.messages(), QStringList{"Could not open config file " + name});
+        QCOMPARE(capture.entries().first().level, Logger::LEVEL_ERROR);
+    }
+
+    void addingAnUnopenablePathReturnsFalseAndEmitsNothing()
+    {
+        AssignedDeviceHandler handler(writeConfig(""));
+        QSignalSpy changed(&handler, &AssignedDeviceHandler::assignedDevicesChanged);
+        const QString path = dir->filePath("event99");
+        LogCapture capture;
+        QVERIFY(!handler.addAssignedDevice(path, 1));
+        QCOMPARE(changed.count(), 0);
+        QCOMPARE(handler.getEventDevice(path), nullptr);
+        const LogCapture::Entry* adding = capture.find("Adding assigned device " + path);
+        QVERIFY(adding);
+        QCOMPARE(adding->level, Logger::LEVEL_INFO);
+        QCOMPARE(adding->function, QString("addAssignedDevice"));
+        QVERIFY(capture.contains("Could not open " + path + " for reading."));
+
+        capture.clear();
+        handler.logStatus();
+        QCOMPARE(capture.messages(), QStringList{"There are 0 assigned device(s) being managed:"});
+        QCOMPARE(capture.entries().first().function, QString("logStatus"));
+    }
+
+    void removingAnUnknownDeviceWarns()
+    {
+        AssignedDeviceHandler handler(writeConfig(""));
+        QSignalSpy changed(&handler, &AssignedDeviceHandler::assignedDevicesChanged);
+        LogCapture capture;
+        handler.removeAssignedDevice("/dev/input/event42");
+        QCOMPARE(capture.messages(),
+                 QStringList{"The event device /dev/input/event42 is not being used.  "
+                             "There's nothing to remove"});
+        QCOMPARE(capture.entries().first().level, Logger::LEVEL_WARNING);
+        QCOMPARE(capture.entries().first().function, QString("removeAssignedDevice"));
+        QCOMPARE(changed.count(), 0);
+    }
+
+    void nullDeviceInTheSlotIsABug()
+    {
+        AssignedDeviceHandler handler(writeConfig(""));
+        LogCapture capture;
+        handler.keymapChanged(nullptr);
+        QCOMPARE(capture.messages(), QStringList{"eventDevice is NULL"});
+        QCOMPARE(capture.entries().first().level, Logger::LEVEL_BUG);
+        QCOMPARE(capture.entries().first().function, QString("keymapChanged"));
+    }
+
+    // The devices below could not be opened, so none of their keys is down:
+    // keymapChanged runs every pending trigger of the device it is given.
+    void deleteTriggeredActionPassesOverTheSecondOfTwoAdjacentEntries()
+    {
+        AssignedDeviceHandler handler(writeConfig(""));
+        EventDevice device(dir->filePath("event1"));
+        SystemCommandAction first("echo first >> " + dir->filePath("out"), &handler);
+        SystemCommandAction second("echo second >> " + dir->filePath("out"), &handler);
+        first.performAction(&device);
+        second.performAction(&device);
+
+        handler.deleteTriggeredAction(&device);
+        handler.keymapChanged(&device);
+        QCOMPARE(readFile(dir->filePath("out")), QByteArray("second\n"));
+    }
+
+    void deleteTriggeredActionRemovesEntriesThatAreNotAdjacent()
+    {
+        AssignedDeviceHandler handler(writeConfig(""));
+        EventDevice device(dir->filePath("event1"));
+        EventDevice other(dir->filePath("event2"));
+        SystemCommandAction first("echo first >> " + dir->filePath("out"), &handler);
+        SystemCommandAction between("echo other >> " + dir->filePath("out"), &handler);
+        SystemCommandAction second("echo second >> " + dir->filePath("out"), &handler);
+        first.performAction(&device);
+        between.performAction(&other);
+        second.performAction(&device);
+
+        handler.deleteTriggeredAction(&device);
+        handler.keymapChanged(&device);
+        QVERIFY(!QFile::exists(dir->filePath("out")));
+        handler.keymapChanged(&other);
+        QCOMPARE(readFile(dir->filePath("out")), QByteArray("other\n"));
+    }
+
+    void pendingTriggersRunInTheOrderOfTriggering()
+    {
+        AssignedDeviceHandler handler(writeConfig(""));
+        EventDevice device(dir->filePath("event1"));
+        SystemCommandAction first("echo first >> " + dir->filePath("out"), &handler);
+        SystemCommandAction second("echo second >> " + dir->filePath("out"), &handler);
+        second.performAction(&device);
+        first.performAction(&device);
+        second.performAction(&device);
+        handler.keymapChanged(&device);
+        QCOMPARE(readFile(dir->filePath("out")), QByteArray("second\nfirst\n"));
+    }
+
+private:
+    QString writeConfig(const QByteArray& content)
+    {
+        const QString name = dir->filePath("keys.conf");
+        QFile file(name);
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+            qFatal("cannot write %s", qPrintable(name));
+        }
+        file.write(content);
+        return name;
+    }
+
+    QScopedPointer<QTemporaryDir> dir; // fresh for every test function
+};
+
+QTEST_GUILESS_MAIN(AssignedDeviceHandlerTest)
+#include "test_assigneddevicehandler.moc"

@@ -1,0 +1,278 @@
+#include "LogCapture.h"
+#include "UmockdevTestbed.h"
+
+#include "input/EventDevice.h"
+#include "input/InputKeyCode.h"
+#include "sequences/AssignedDeviceHandler.h"
+
+#include <QtTest>
+
+#include <linux/input-event-codes.h>
+
+using Orvanta::Logger;
+
+// The assigned device handler with emulated keyboards: typing on them runs
+// the configured commands. Each command appends to a file of the test's
+// temporary directory, which is how a run is observed.
+class AssignedDeviceHandlerTypingTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { InputKeyCode::buildTable(); }
+    void cleanupTestCase() { InputKeyCode::cleanupTable(); }
+
+    void init()
+    {
+        dir.reset(new QTemporaryDir);
+        QVERIFY(dir->isValid());
+        out = dir->filePath("out");
+        testbed.reset(new UmockdevTestbed);
+    }
+    void cleanup()
+    {
+        handler.reset();
+        testbed.reset();
+    }
+
+    void ctrlAltF1OnAKeyboardOfStation3RunsTheCommandOnce()
+    {
+        createHandler("KEY_LEFTCTRL,KEY_LEFTALT:KEY_F1:echo \"$STATION_ID\" >> " + out + "\n");
+        const QString node = addKeyboard(3);
+
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_LEFTALT, true);
+        type(node, KEY_F1, true);
+        type(node, KEY_F1, false);
+        type(node, KEY_LEFTALT, false);
+        QVERIFY2(!QFile::exists(out), "the command ran before every key was up");
+        LogCapture capture;
+        type(node, KEY_LEFTCTRL, false);
+        QCOMPARE(output(), QByteArray("3\n"));
+        const LogCapture::Entry* entry =
+            capture.find("Executing command: echo \"$STATION_ID\" >> " + out + "\n");
+        QVERIFY(entry);
+        QCOMPARE(entry->level, Logger::LEVEL_INFO);
+
+        // Nothing is left to run.
+        type(node, KEY_A, true);
+        type(node, KEY_A, false);
+        QCOMPARE(output(), QByteArray("3\n"));
+    }
+
+    void commandRunsWhenTheLastHeldKeyIsReleased()
+    {
+        createHandler("KEY_LEFTCTRL:KEY_F1:echo ran >> " + out + "\n");
+        const QString node = addKeyboard(1);
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+        type(node, KEY_F1, false);
+        QVERIFY2(!QFile::exists(out), "ran while Ctrl was still down");
+        type(node, KEY_LEFTCTRL, false);
+        QCOMPARE(output(), QByteArray("ran\n"));
+    }
+
+    void commandRunsAfterTheHoldKeyIfItIsReleasedFirst()
+    {
+        createHandler("KEY_LEFTCTRL:KEY_F1:echo ran >> " + out + "\n");
+        const QString node = addKeyboard(1);
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+        type(node, KEY_LEFTCTRL, false);
+        QVERIFY2(!QFile::exists(out), "ran while F1 was still down");
+        type(node, KEY_F1, false);
+        QCOMPARE(output(), QByteArray("ran\n"));
+    }
+
+    void pressingF1ThreeTimesWithCtrlHeldRunsOnce()
+    {
+        createHandler("KEY_LEFTCTRL:KEY_F1:echo ran >> " + out + "\n");
+        const QString node = addKeyboard(1);
+        type(node, KEY_LEFTCTRL, true);
+        for (int i = 0; i < 3; ++i) {
+            type(node, KEY_F1, true);
+            type(node, KEY_F1, false);
+        }
+        QVERIFY(!QFile::exists(out));
+        type(node, KEY_LEFTCTRL, false);
+        QCOMPARE(output(), QByteArray("ran\n"));
+    }
+
+    void sequencesWithTheSameKeysAllRunInFileOrder()
+    {
+        createHandler("KEY_LEFTCTRL:KEY_F1:echo first >> " + out + "\n" +
+                      "KEY_LEFTCTRL:KEY_F2:echo other >> " + out + "\n" +
+                      "KEY_LEFTCTRL:KEY_F1:echo second >> " + out + "\n");
+        const QString node = addKeyboard(1);
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+        type(node, KEY_F1, false);
+        type(node, KEY_LEFTCTRL, false);
+        QCOMPARE(output(), QByteArray("first\nsecond\n"));
+    }
+
+    void addingTheSameDeviceTwiceOnlyChangesItsStation()
+    {
+        createHandler("KEY_LEFTCTRL:KEY_F1:echo \"$STATION_ID\" >> " + out + "\n");
+        const QString node = testbed->addDevice(DeviceSpec::keyboard());
+        QVERIFY(!node.isEmpty());
+        QSignalSpy changed(handler.get(), &AssignedDeviceHandler::assignedDevicesChanged);
+        LogCapture capture;
+
+        QVERIFY(handler->addAssignedDevice(node, 1));
+        EventDevice* device = handler->getEventDevice(node);
+        QVERIFY(device);
+        QVERIFY(handler->addAssignedDevice(node, 2));
+        QCOMPARE(handler->getEventDevice(node), device);
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(capture.count("Adding assigned device " + node), 1);
+        QCOMPARE(device->getDeviceVariables().value("station_id"), QString("2"));
+
+        capture.clear();
+        handler->logStatus();
+        QCOMPARE(capture.messages(), (QStringList{"There are 1 assigned device(s) being managed:",
+                                                  "Assigned device: " + node}));
+
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+        type(node, KEY_F1, false);
+        type(node, KEY_LEFTCTRL, false);
+        QCOMPARE(output(), QByteArray("2\n"));
+    }
+
+    void eachDeviceRunsItsOwnTriggerWithItsOwnVariables()
+    {
+        createHandler("KEY_LEFTCTRL:KEY_F1:echo \"$STATION_ID\" >> " + out + "\n");
+        const QString first = addKeyboard(4);
+        const QString second = addKeyboard(5);
+
+        LogCapture capture;
+        handler->logStatus();
+        QCOMPARE(capture.messages(),
+                 (QStringList{"There are 2 assigned device(s) being managed:",
+                              "Assigned device: " + first, "Assigned device: " + second}));
+
+        type(first, KEY_LEFTCTRL, true);
+        type(first, KEY_F1, true);
+        type(second, KEY_LEFTCTRL, true);
+        type(second, KEY_LEFTCTRL, false); // all keys of the other device up
+        QVERIFY(!QFile::exists(out));
+        type(first, KEY_F1, false);
+        type(first, KEY_LEFTCTRL, false);
+        QCOMPARE(output(), QByteArray("4\n"));
+    }
+
+    void sleepingCommandHoldsUpKeyHandling()
+    {
+        // The command writes its line only at its end.
+        createHandler("KEY_LEFTCTRL:KEY_F1:sleep 0.5; echo done >> " + out + "\n");
+        const QString node = addKeyboard(1);
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+        type(node, KEY_F1, false);
+        // The release that runs the command and a press behind it, read in
+        // the same pass.
+        QVERIFY(testbed->releaseKey(node, KEY_LEFTCTRL));
+        QVERIFY(testbed->pressKey(node, KEY_A));
+        QVERIFY(testbed->waitForPendingInput(node));
+        EventDevice* device = handler->getEventDevice(node);
+        int pressesSeen = 0;
+        bool commandDoneWhenASeen = false;
+        connect(device, &EventDevice::keymapChanged, this, [&](const EventDevice* changed) {
+            if (changed->isKeyPressedOnce(KEY_A)) {
+                ++pressesSeen;
+                commandDoneWhenASeen = QFile::exists(out);
+            }
+        });
+        handler->update();
+        QCOMPARE(output(), QByteArray("done\n"));
+        QCOMPARE(pressesSeen, 1);
+        QVERIFY2(commandDoneWhenASeen, "the key press was handled while the command still ran");
+    }
+
+    void removedDeviceNeverRunsItsPendingTrigger()
+    {
+        createHandler("KEY_LEFTCTRL:KEY_F1:echo ran >> " + out + "\n");
+        const QString node = addKeyboard(1);
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+
+        QSignalSpy changed(handler.get(), &AssignedDeviceHandler::assignedDevicesChanged);
+        LogCapture capture;
+        handler->removeAssignedDevice(node);
+        QCOMPARE(changed.count(), 1);
+        const LogCapture::Entry* entry = capture.find("Removing assigned device " + node);
+        QVERIFY(entry);
+        QCOMPARE(entry->level, Logger::LEVEL_INFO);
+        QCOMPARE(entry->function, QString("removeAssignedDevice"));
+        QCOMPARE(handler->getEventDevice(node), nullptr);
+
+        // The same keyboard assigned again is a new device (the allocator may
+        // well hand it the old one's address): the trigger seen by the removed
+        // device must not fire for it.
+        QVERIFY(handler->addAssignedDevice(node, 1));
+        type(node, KEY_F1, false);
+        type(node, KEY_LEFTCTRL, false);
+        type(node, KEY_A, true);
+        type(node, KEY_A, false);
+        QVERIFY2(!QFile::exists(out), "a removed device's trigger fired");
+    }
+
+    void restOfALongLineIsASequenceOfItsOwn()
+    {
+        const QByteArray first =
+            ("KEY_LEFTCTRL:KEY_F1:echo a >> " + out + " #").toLatin1().leftJustified(255, 'x');
+        QCOMPARE(first.size(), 255);
+        createHandler(QString::fromLatin1(first) + "KEY_LEFTCTRL:KEY_F2:echo b >> " + out + "\n");
+        const QString node = addKeyboard(1);
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F2, true);
+        type(node, KEY_F2, false);
+        type(node, KEY_F1, true);
+        type(node, KEY_F1, false);
+        type(node, KEY_LEFTCTRL, false);
+        QCOMPARE(output(), QByteArray("b\na\n"));
+    }
+
+private:
+    void createHandler(const QString& content)
+    {
+        const QString name = dir->filePath("keys.conf");
+        QFile file(name);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(content.toLatin1());
+        file.close();
+        handler.reset(new AssignedDeviceHandler(name));
+    }
+
+    QString addKeyboard(int station)
+    {
+        const QString node = testbed->addDevice(DeviceSpec::keyboard());
+        if (node.isEmpty() || !handler->addAssignedDevice(node, station)) {
+            qFatal("could not assign an emulated keyboard");
+        }
+        return node;
+    }
+
+    // One key change, delivered and handled by one pass of the handler.
+    void type(const QString& node, int code, bool down)
+    {
+        QVERIFY(down ? testbed->pressKey(node, code) : testbed->releaseKey(node, code));
+        QVERIFY(testbed->waitForPendingInput(node));
+        handler->update();
+    }
+
+    QByteArray output() const
+    {
+        QFile file(out);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+    QScopedPointer<QTemporaryDir> dir;
+    QString out;
+    std::unique_ptr<UmockdevTestbed> testbed;
+    std::unique_ptr<AssignedDeviceHandler> handler;
+};
+
+SELVANE_UMOCKDEV_TEST_MAIN(AssignedDeviceHandlerTypingTest)
+#include "test_assigneddevicehandler_typing.moc"
