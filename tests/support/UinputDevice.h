@@ -37,7 +37,8 @@ public:
     // True when /dev/uinput can be opened for writing on this machine.
     static bool isAvailable();
 
-    // Created and its event node found; otherwise errorString() says why.
+    // Was created and its event node found (also after unplug()); otherwise
+    // errorString() says why.
     bool isValid() const { return !nodePath.isEmpty(); }
     QString errorString() const { return error; }
     // "/dev/input/eventN"; empty when creation failed.
