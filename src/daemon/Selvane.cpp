@@ -1,20 +1,31 @@
 #include "daemon/Selvane.h"
 
 #include "common/Logger.h"
+#include "sequences/AssignedDeviceHandler.h"
 
 namespace {
 constexpr char logSource[] = "Selvane";
 constexpr int updateIntervalMs = 100;
 } // namespace
 
-Selvane::Selvane([[maybe_unused]] QString configFile)
+Selvane::Selvane(QString configFile)
 {
+    assignedDeviceHandler = new AssignedDeviceHandler(configFile);
     connect(&timer, &QTimer::timeout, this, &Selvane::update);
     timer.start(updateIntervalMs);
 }
 
-Selvane::~Selvane() = default;
+Selvane::~Selvane()
+{
+    delete assignedDeviceHandler;
+}
 
-void Selvane::update() {}
+void Selvane::update()
+{
+    assignedDeviceHandler->update();
+}
 
-void Selvane::logStatus() {}
+void Selvane::logStatus()
+{
+    assignedDeviceHandler->logStatus();
+}

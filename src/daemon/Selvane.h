@@ -4,6 +4,8 @@
 #include <QString>
 #include <QTimer>
 
+class AssignedDeviceHandler;
+
 // The daemon's central object. It owns the handlers and drives all of them
 // from one repeating 100 ms timer: the program has no other periodic work and
 // no other thread.
@@ -19,10 +21,13 @@ public:
     // Logs the state of the handlers.
     void logStatus();
 
+    AssignedDeviceHandler* getAssignedDeviceHandler() { return assignedDeviceHandler; }
+
 public Q_SLOTS:
     // One round of periodic work.
     void update();
 
 private:
     QTimer timer;
+    AssignedDeviceHandler* assignedDeviceHandler = nullptr;
 };
