@@ -1,5 +1,7 @@
 #pragma once
 
+#include "daemon/DBusInterface.h"
+
 #include <QObject>
 #include <QString>
 #include <QTimer>
@@ -29,5 +31,6 @@ public Q_SLOTS:
 
 private:
     QTimer timer;
+    DBusInterface dbusInterface;
     AssignedDeviceHandler* assignedDeviceHandler = nullptr;
 };

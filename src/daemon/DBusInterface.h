@@ -1,0 +1,53 @@
+#pragma once
+
+#include <QDBusInterface>
+#include <QList>
+#include <QObject>
+#include <QString>
+
+class DBusCommand;
+class Selvane;
+
+// The daemon's presence on the session bus. It owns the service name
+// "com.orvanta.selvane", exports its slots as the remote methods of the object
+// "/", and holds the proxies of the platform's database, session-controller
+// and assignment services. A remote call only queues a command; `update()`,
+// run by the central object on every tick, executes the queue in arrival order.
+class DBusInterface : public QObject
+{
+    Q_OBJECT
+    // Fixed here rather than derived by Qt from the application's name and
+    // organisation domain, so that it is the same in every program.
+    Q_CLASSINFO("D-Bus Interface", "com.orvanta.selvane.DBusInterface")
+
+public:
+    explicit DBusInterface(Selvane* selvane);
+    ~DBusInterface() override;
+
+    // Registers the service and the object "/" and announces the start to the
+    // assignment service. False when the bus, the name or the path is unavailable.
+    bool connect();
+    // Executes and drains the queued commands, first in, first out.
+    void update();
+
+    QDBusInterface* getDatabaseInterface() { return &databaseInterface; }
+    QDBusInterface* getSessionControllerInterface() { return &sessionControllerInterface; }
+    QDBusInterface* getAssignmentInterface() { return &assignmentInterface; }
+
+public Q_SLOTS:
+    void deviceAddedToStation(QString devicePath, int stationId);
+    void deviceRemovedFromStation(QString devicePath);
+    void unassignedDeviceAdded(QString devicePath);
+    void unassignedDeviceRemoved(QString devicePath);
+    void configureKeyboard(int displayId, int stationId);
+    void configureMouse(int displayId, int stationId);
+    void configurationComplete(int displayId);
+    void logStatus();
+
+private:
+    Selvane* selvane;
+    QDBusInterface databaseInterface;
+    QDBusInterface sessionControllerInterface;
+    QDBusInterface assignmentInterface;
+    QList<DBusCommand*> commandQueue;
+};
