@@ -3,6 +3,7 @@
 #include "common/Logger.h"
 #include "common/SignalRelay.h"
 #include "daemon/Selvane.h"
+#include "input/InputKeyCode.h"
 
 #include "Paths.h"
 
@@ -20,6 +21,16 @@
 namespace {
 constexpr char logSource[] = "Main";
 constexpr int maxBacktraceFrames = 100;
+
+// The key code table, built for the life of main() and emptied on every way
+// out of it.
+struct KeyCodeTable
+{
+    KeyCodeTable() { InputKeyCode::buildTable(); }
+    ~KeyCodeTable() { InputKeyCode::cleanupTable(); }
+    KeyCodeTable(const KeyCodeTable&) = delete;
+    KeyCodeTable& operator=(const KeyCodeTable&) = delete;
+};
 } // namespace
 
 void segfault_handler(int)
@@ -69,6 +80,7 @@ int main(int argc, char* argv[])
     QCoreApplication::setApplicationVersion(QStringLiteral("1.0"));
     QCoreApplication::setOrganizationName(QStringLiteral("Orvanta"));
     QCoreApplication::setOrganizationDomain(QStringLiteral("orvanta.com"));
+    const KeyCodeTable keyCodeTable;
 
     Orvanta::CommandLine commandLine;
     switch (commandLine.parse(argc, argv)) {
