@@ -21,16 +21,6 @@
 namespace {
 constexpr char logSource[] = "Main";
 constexpr int maxBacktraceFrames = 100;
-
-// The key code table, built for the life of main() and emptied on every way
-// out of it.
-struct KeyCodeTable
-{
-    KeyCodeTable() { InputKeyCode::buildTable(); }
-    ~KeyCodeTable() { InputKeyCode::cleanupTable(); }
-    KeyCodeTable(const KeyCodeTable&) = delete;
-    KeyCodeTable& operator=(const KeyCodeTable&) = delete;
-};
 } // namespace
 
 void segfault_handler(int)
@@ -80,7 +70,10 @@ int main(int argc, char* argv[])
     QCoreApplication::setApplicationVersion(QStringLiteral("1.0"));
     QCoreApplication::setOrganizationName(QStringLiteral("Orvanta"));
     QCoreApplication::setOrganizationDomain(QStringLiteral("orvanta.com"));
-    const KeyCodeTable keyCodeTable;
+    InputKeyCode::buildTable();
+    // Emptied on every way out of the process, including the exit(1) of a
+    // start that fails.
+    std::atexit(InputKeyCode::cleanupTable);
 
     Orvanta::CommandLine commandLine;
     switch (commandLine.parse(argc, argv)) {
