@@ -1,0 +1,211 @@
+// The daemon's first job end to end, driven over D-Bus as the platform drives
+// it: a keyboard (an emulated evdev node) is assigned to a station, a
+// configured combination is typed on it and its command runs with the
+// station in its environment; once the keyboard is removed from the station,
+// typing on it runs nothing.
+
+#include "DaemonRunner.h"
+#include "PlatformSimulatorProcess.h"
+#include "UmockdevTestbed.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QtTest>
+
+#include <csignal>
+#include <memory>
+
+namespace {
+
+QRegularExpression logMessage(const QString& message)
+{
+    return QRegularExpression(R"(^\[[^\]]+\] \[\w+\] \[\w+:\w+:\d+\] )" +
+                              QRegularExpression::escape(message) + "$");
+}
+
+// tools/emulated-input: the devices live as long as the process runs.
+class EmulatedInput
+{
+public:
+    explicit EmulatedInput(int keyboards)
+    {
+        process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        process.start(SELVANE_EMULATED_INPUT, {"--keyboards", QString::number(keyboards)});
+        QString line;
+        while (process.waitForStarted() && readLine(line) && line != "ready") {
+            const QStringList words = line.split(' ');
+            if (line.startsWith("UMOCKDEV_DIR=") || line.startsWith("LD_PRELOAD=")) {
+                environment.insert(line.section('=', 0, 0), line.section('=', 1));
+            } else if (words.size() == 3 && words.at(0) == "keyboard") {
+                nodes.append(words.at(2));
+            }
+        }
+    }
+    ~EmulatedInput()
+    {
+        process.write("quit\n");
+        if (!process.waitForFinished()) {
+            process.kill();
+            process.waitForFinished();
+        }
+    }
+
+    // Sends one command ("press 0 KEY_F1") and waits for its "ok".
+    bool send(const QString& command)
+    {
+        process.write(command.toUtf8() + '\n');
+        QString answer;
+        return readLine(answer) && answer == "ok";
+    }
+    // Holds the keys down in order, then lets them go in reverse order.
+    bool type(int device, const QStringList& keys)
+    {
+        for (const QString& key : keys) {
+            if (!send(QStringLiteral("press %1 %2").arg(device).arg(key))) {
+                return false;
+            }
+        }
+        for (auto key = keys.crbegin(); key != keys.crend(); ++key) {
+            if (!send(QStringLiteral("release %1 %2").arg(device).arg(*key))) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    QStringList nodes;
+    QHash<QString, QString> environment; // what the daemon needs to see the nodes
+
+private:
+    bool readLine(QString& line)
+    {
+        if (!DaemonRunner::waitUntil([this] { return process.canReadLine(); })) {
+            return false;
+        }
+        line = QString::fromUtf8(process.readLine()).trimmed();
+        return true;
+    }
+
+    QProcess process;
+};
+
+} // namespace
+
+class DBusFirstJobTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void assignedKeyboardRunsItsCommandUntilRemoved();
+
+private:
+    void call(const QString& method, const QVariantList& arguments = {});
+    void waitForLogLine(const QString& message);
+
+    std::unique_ptr<DaemonRunner> runner;
+    QDBusConnection platform{QString()};
+};
+
+void DBusFirstJobTest::call(const QString& method, const QVariantList& arguments)
+{
+    QDBusMessage message = QDBusMessage::createMethodCall(
+        "com.orvanta.selvane", "/", "com.orvanta.selvane.DBusInterface", method);
+    message.setArguments(arguments);
+    const QDBusMessage reply = platform.call(message);
+    QVERIFY2(reply.type() == QDBusMessage::ReplyMessage, qPrintable(reply.errorMessage()));
+}
+
+void DBusFirstJobTest::waitForLogLine(const QString& message)
+{
+    QVERIFY2(DaemonRunner::waitForLine(runner->defaultLogFile(), logMessage(message)),
+             qPrintable("no log line \"" + message + "\" in:\n" +
+                        DaemonRunner::readLines(runner->defaultLogFile()).join('\n')));
+}
+
+void DBusFirstJobTest::assignedKeyboardRunsItsCommandUntilRemoved()
+{
+    runner = std::make_unique<DaemonRunner>();
+    QVERIFY(runner->isBusRunning());
+    const PlatformSimulatorProcess simulator(runner->busAddress(), runner->path("calls"));
+    QVERIFY(simulator.isReady());
+    platform = QDBusConnection::connectToBus(runner->busAddress(), "platform");
+    QVERIFY(platform.isConnected());
+
+    EmulatedInput input(2);
+    QCOMPARE(input.nodes.size(), 2);
+    QVERIFY(input.environment.contains("UMOCKDEV_DIR"));
+
+    const QString output = runner->path("commands-run");
+    const QString config = runner->path("keys.conf");
+    QFile file(config);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("KEY_LEFTCTRL:KEY_F1:echo \"station $STATION_ID\" >> " + output.toUtf8() + "\n");
+    file.close();
+
+    // DaemonRunner hands the test's environment to the daemon: the nodes'
+    // testbed is added to it for this one start only.
+    for (auto variable = input.environment.cbegin(); variable != input.environment.cend();
+         ++variable) {
+        qputenv(variable.key().toLatin1(), variable.value().toLocal8Bit());
+    }
+    const DaemonRunner::Result start = runner->run({"-c", config});
+    for (const QString& name : input.environment.keys()) {
+        qunsetenv(name.toLatin1());
+    }
+    QCOMPARE(start.status, 0);
+    const pid_t daemon = runner->waitForDaemon();
+    QVERIFY(daemon > 0);
+    QVERIFY(simulator.waitForCall("com.orvanta.Assignment.SelvaneStarted"));
+
+    const QString keyboard = input.nodes.at(0);
+    call("deviceAddedToStation", {keyboard, 3});
+    waitForLogLine("Adding assigned device " + keyboard);
+    QVERIFY(input.type(0, {"KEY_LEFTCTRL", "KEY_F1"}));
+    QVERIFY2(DaemonRunner::waitUntil(
+                 [&] { return DaemonRunner::readLines(output) == QStringList{"station 3"}; }),
+             qPrintable(DaemonRunner::readLines(runner->defaultLogFile()).join('\n')));
+
+    call("deviceRemovedFromStation", {keyboard});
+    waitForLogLine("Removing assigned device " + keyboard);
+
+    // The combination typed on the removed keyboard, then on a keyboard of
+    // station 5: the second command is the only one that runs. A status
+    // request afterwards takes one more tick, in which a late command of the
+    // first keyboard would have shown up.
+    const QString other = input.nodes.at(1);
+    call("deviceAddedToStation", {other, 5});
+    waitForLogLine("Adding assigned device " + other);
+    QVERIFY(input.type(0, {"KEY_LEFTCTRL", "KEY_F1"}));
+    QVERIFY(input.type(1, {"KEY_LEFTCTRL", "KEY_F1"}));
+    QVERIFY(DaemonRunner::waitUntil([&] { return DaemonRunner::readLines(output).size() >= 2; }));
+
+    call("logStatus");
+    waitForLogLine("There are 1 assigned device(s) being managed:");
+    waitForLogLine("Assigned device: " + other);
+    QCOMPARE(DaemonRunner::readLines(output), (QStringList{"station 3", "station 5"}));
+
+    QDBusConnection::disconnectFromBus("platform");
+    kill(daemon, SIGTERM);
+    QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+}
+
+// Skipped (77) without a private mount namespace, dbus-daemon or umockdev.
+int main(int argc, char* argv[])
+{
+    QCoreApplication application(argc, argv);
+    QString reason = DaemonRunner::unavailableReason();
+    if (reason.isEmpty() && UmockdevTestbed::preloadLibrary().isEmpty()) {
+        reason = "umockdev's preload library is not installed";
+    }
+    if (!reason.isEmpty()) {
+        fprintf(stderr, "SKIP: %s\n", qPrintable(reason));
+        return 77;
+    }
+    DBusFirstJobTest test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "test_dbus_firstjob.moc"
