@@ -185,27 +185,31 @@ Logger::Level Logger::stringToLevel(QString text)
 
 void Logger::forwardQtMessages()
 {
-    qInstallMessageHandler(
-        [](QtMsgType type, const QMessageLogContext& context, const QString& text) {
-            Level level = LEVEL_DEBUG;
-            switch (type) {
-            case QtDebugMsg:
-                level = LEVEL_DEBUG;
-                break;
-            case QtInfoMsg:
-                level = LEVEL_INFO;
-                break;
-            case QtWarningMsg:
-                level = LEVEL_WARNING;
-                break;
-            case QtCriticalMsg:
-            case QtFatalMsg:
-                level = LEVEL_ERROR;
-                break;
-            }
-            write(level, QStringLiteral("Qt"), QString::fromLatin1(context.category), context.line,
-                  text);
-        });
+    qInstallMessageHandler(forwardQtMessage);
+}
+
+void Logger::forwardQtMessage(QtMsgType type, const QMessageLogContext& context,
+                              const QString& text)
+{
+    // Qt does not call a handler from inside itself: a message raised while
+    // this one is logged goes to standard error.
+    Level level = LEVEL_DEBUG;
+    switch (type) {
+    case QtDebugMsg:
+        level = LEVEL_DEBUG;
+        break;
+    case QtInfoMsg:
+        level = LEVEL_INFO;
+        break;
+    case QtWarningMsg:
+        level = LEVEL_WARNING;
+        break;
+    case QtCriticalMsg:
+    case QtFatalMsg:
+        level = LEVEL_ERROR;
+        break;
+    }
+    write(level, QStringLiteral("Qt"), QString::fromLatin1(context.category), context.line, text);
 }
 
 QString Logger::formatForLevel(QString time, Level level, QString file, QString function, int line,
@@ -233,6 +237,11 @@ void Logger::writeToStandardOut(Level, QString line)
 
 void Logger::writeToFile(Level, QString line)
 {
+    // The channel counts as on even when its file could not be opened; those
+    // lines are lost without a word (QFile would warn about every one).
+    if (!logFile.isOpen()) {
+        return;
+    }
     if (!line.endsWith(QLatin1Char('\n'))) {
         line += QLatin1Char('\n');
     }

@@ -58,6 +58,8 @@ Q_SIGNALS:
 private:
     Logger();
 
+    static void forwardQtMessage(QtMsgType type, const QMessageLogContext& context,
+                                 const QString& text);
     static QString formatForLevel(QString time, Level level, QString file, QString function,
                                   int line, QString message);
     void writeToStandardOut(Level level, QString line);
