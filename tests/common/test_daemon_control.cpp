@@ -1,0 +1,182 @@
+#include "DaemonRunner.h"
+
+#include "common/Daemon.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <csignal>
+#include <cstdio>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Daemon = Orvanta::Daemon;
+
+namespace {
+
+void writeFile(const QString& fileName, const QByteArray& bytes)
+{
+    QFile file(fileName);
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(bytes);
+}
+
+// fork() with nothing left in stdio buffers, so no output is written twice.
+pid_t forkFlushed()
+{
+    fflush(nullptr);
+    return fork();
+}
+
+} // namespace
+
+class DaemonControlTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir dir;
+    QString pidFile;
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(DaemonRunner::becomeSubreaper()); }
+
+    void init()
+    {
+        pidFile = dir.filePath(QStringLiteral("selvane.pid"));
+        QFile::remove(pidFile);
+    }
+
+    void getPid_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<int>("pid");
+        QTest::newRow("a file with digits gives its number") << QByteArray("4242") << 4242;
+        QTest::newRow("an empty file gives 0") << QByteArray() << 0;
+        QTest::newRow("letters give 0") << QByteArray("abc") << 0;
+        QTest::newRow("digits followed by letters give 0") << QByteArray("12ab") << 0;
+        QTest::newRow("the text ends at a NUL byte") << QByteArray("77\0garbage", 10) << 77;
+    }
+
+    void getPid()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(int, pid);
+        writeFile(pidFile, content);
+        QCOMPARE(Daemon::getPid(pidFile), pid);
+    }
+
+    void getPidOfAMissingFileIsZero() { QCOMPARE(Daemon::getPid(pidFile), 0); }
+
+    void getPidOfAnUnreadableFileIsZero()
+    {
+        // A directory exists but cannot be read as a file.
+        QCOMPARE(Daemon::getPid(dir.path()), 0);
+    }
+
+    void ownProcessWithOwnExecutableIsRunning()
+    {
+        writeFile(pidFile, QByteArray::number(getpid()));
+        QVERIFY(Daemon::isProgramRunning(pidFile, QCoreApplication::applicationFilePath()));
+    }
+
+    void ownProcessWithAnotherExecutableIsNotRunning()
+    {
+        writeFile(pidFile, QByteArray::number(getpid()));
+        QVERIFY(!Daemon::isProgramRunning(pidFile, QStringLiteral("/bin/sh")));
+        // The comparison is exact: case matters.
+        QVERIFY(
+            !Daemon::isProgramRunning(pidFile, QCoreApplication::applicationFilePath().toUpper()));
+    }
+
+    void missingOrUnusablePidFileIsNotRunning()
+    {
+        const QString self = QCoreApplication::applicationFilePath();
+        QVERIFY(!Daemon::isProgramRunning(pidFile, self));
+        writeFile(pidFile, "letters");
+        QVERIFY(!Daemon::isProgramRunning(pidFile, self));
+    }
+
+    void endedProcessIsNotRunning()
+    {
+        const pid_t child = forkFlushed();
+        if (child == 0) {
+            _exit(0);
+        }
+        QCOMPARE(DaemonRunner::waitForExit(child), 0);
+        writeFile(pidFile, QByteArray::number(child));
+        QVERIFY(!Daemon::isProgramRunning(pidFile, QCoreApplication::applicationFilePath()));
+    }
+
+    void stopSendsSigtermToTheNamedProcess()
+    {
+        const pid_t child = DaemonRunner::startIdleProcess();
+        QVERIFY(child > 0);
+        writeFile(pidFile, QByteArray::number(child));
+        Daemon::stop(pidFile);
+        QCOMPARE(DaemonRunner::waitForExit(child), 128 + SIGTERM);
+        // The stopped process removes the pid file itself, not stop().
+        QVERIFY(QFile::exists(pidFile));
+    }
+
+    void stopWithoutPidFileDoesNothing()
+    {
+        Daemon::stop(pidFile);
+        writeFile(pidFile, "0");
+        Daemon::stop(pidFile);
+        QVERIFY(QFile::exists(pidFile));
+    }
+
+    void startForksAndTheChildWritesItsPid()
+    {
+        // The forked test process plays the daemon: its parent half must exit 0
+        // and its child half must get true and find its pid in the file.
+        const pid_t foreground = forkFlushed();
+        if (foreground == 0) {
+            const bool started = Daemon::start(pidFile);
+            _exit(started ? 42 : 43);
+        }
+        QCOMPARE(DaemonRunner::waitForExit(foreground), 0);
+
+        QByteArray content;
+        QVERIFY(DaemonRunner::waitUntil([&] {
+            content = DaemonRunner::readFile(pidFile);
+            return !content.isEmpty();
+        }));
+        QVERIFY2(QRegularExpression(QStringLiteral("^[0-9]+$"))
+                     .match(QString::fromLatin1(content))
+                     .hasMatch(),
+                 content.constData());
+        const pid_t background = content.toInt();
+        QVERIFY(background != foreground);
+        QCOMPARE(DaemonRunner::waitForExit(background), 42);
+    }
+
+    void startReturnsFalseInTheChildWhenThePidFileCannotBeWritten()
+    {
+        const QString unwritable = dir.filePath(QStringLiteral("no-such-dir/selvane.pid"));
+        // The background half writes its pid where the test can find it.
+        const QString reportFile = dir.filePath(QStringLiteral("background.pid"));
+        const pid_t foreground = forkFlushed();
+        if (foreground == 0) {
+            const bool started = Daemon::start(unwritable);
+            QFile report(reportFile);
+            if (report.open(QIODevice::WriteOnly)) {
+                report.write(QByteArray::number(getpid()));
+            }
+            report.close();
+            _exit(started ? 42 : 43);
+        }
+        QCOMPARE(DaemonRunner::waitForExit(foreground), 0);
+        QVERIFY(DaemonRunner::waitUntil([&] { return DaemonRunner::readFile(reportFile).size(); }));
+        const pid_t background = DaemonRunner::readFile(reportFile).toInt();
+        QVERIFY(background != foreground);
+        QCOMPARE(DaemonRunner::waitForExit(background), 43);
+        QVERIFY(!QFile::exists(unwritable));
+    }
+};
+
+QTEST_GUILESS_MAIN(DaemonControlTest)
+#include "test_daemon_control.moc"

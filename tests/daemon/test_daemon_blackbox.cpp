@@ -1,0 +1,429 @@
+#include "DaemonRunner.h"
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QtTest>
+
+#include <csignal>
+#include <cstdio>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace {
+
+const QByteArray usageText =
+    "orvanta-selvane: Scans keyboard inputs for specific key combinations and then acts upon them\n"
+    "  -l --logfile   name of the log file.  This is optional.  If not specified, the default log "
+    "file is used\n"
+    "  -c --config    name of the configuration file.\n"
+    "  --start        start the selvane daemon.\n"
+    "  --restart      start the selvane daemon.\n"
+    "  --stop         stop the selvane daemon.\n"
+    "  --pid          return the pid of the selvane daemon.\n"
+    "  -h --help      prints this help message\n";
+
+const QByteArray alreadyRunning =
+    "Program is already running.  Stop the existing program before starting another one\n";
+
+// Any line the logger writes.
+const QRegularExpression anyLogLine(QStringLiteral(
+    R"(^\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] \[(Error|Warning|Info|Bug|Debug)\] )"
+    R"(\[[^:\] ]+:[^:\] ]+:\d+\] .*$)"));
+
+QRegularExpression logLine(const QString& levelFileFunction, const QString& message)
+{
+    return QRegularExpression(R"(^\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] )" + levelFileFunction +
+                              R"(:\d+\] )" + QRegularExpression::escape(message) + "$");
+}
+
+const QRegularExpression quitLine =
+    logLine(R"(\[Info\] \[Main:quit_handler)", QStringLiteral("Received signal to quit"));
+const QRegularExpression exitLine =
+    logLine(R"(\[Info\] \[Main:main)", QStringLiteral("selvane is exiting with exit code 0"));
+const QRegularExpression segfaultLine = logLine(R"(\[Error\] \[Main:segfault_handler)",
+                                                QStringLiteral("Received SIGSEGV.  Backtrace:"));
+const QRegularExpression exitingLine =
+    logLine(R"(\[Error\] \[Main:segfault_handler)", QStringLiteral("Exiting."));
+
+// Index of the first line matching the pattern, or -1.
+int indexOf(const QStringList& lines, const QRegularExpression& pattern, int from = 0)
+{
+    for (int i = from; i < lines.size(); ++i) {
+        if (pattern.match(lines[i]).hasMatch()) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+bool isAlive(pid_t pid)
+{
+    // A zombie still takes signals; its state letter tells it apart.
+    const QByteArray stat = DaemonRunner::readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    const qsizetype close = stat.lastIndexOf(')');
+    return close > 0 && stat.size() > close + 2 && stat[close + 2] != 'Z';
+}
+
+// An unrelated live process that keeps every SIGTERM sent to it pending, so a
+// test can see whether one was sent.
+class SigtermRecorder
+{
+public:
+    SigtermRecorder() : pid(DaemonRunner::startIdleProcess(true)) {}
+    ~SigtermRecorder()
+    {
+        kill(pid, SIGKILL);
+        DaemonRunner::waitForExit(pid);
+    }
+
+    bool hasPendingSigterm() const { return DaemonRunner::hasPendingSigterm(pid); }
+
+    const pid_t pid;
+};
+
+} // namespace
+
+class DaemonBlackBoxTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    std::unique_ptr<DaemonRunner> runner;
+    QString configFile;
+
+    void writePidFile(const QByteArray& content)
+    {
+        QFile file(runner->pidFile());
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(content);
+    }
+
+    // Starts the daemon with the configuration file and waits for its pid file.
+    pid_t startDaemon(const QStringList& extraArguments = {})
+    {
+        const DaemonRunner::Result result =
+            runner->run(QStringList{"-c", configFile} + extraArguments);
+        if (result.status != 0) {
+            qWarning("foreground status %d, stdout '%s', stderr '%s'", result.status,
+                     result.standardOutput.constData(), result.standardError.constData());
+            return 0;
+        }
+        const pid_t pid = runner->waitForDaemon();
+        if (pid <= 0 || !DaemonRunner::waitUntil([&] {
+                return DaemonRunner::readFile(runner->pidFile()) == QByteArray::number(pid);
+            })) {
+            return 0;
+        }
+        return pid;
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        runner = std::make_unique<DaemonRunner>();
+        QVERIFY2(runner->isBusRunning(), "the private session bus did not start");
+        configFile = runner->path(QStringLiteral("keys.conf"));
+        QFile config(configFile);
+        QVERIFY(config.open(QIODevice::WriteOnly));
+    }
+
+    void cleanup() { runner.reset(); }
+
+    void helpPrintsTheUsageAndNeverStarts_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::newRow("--help") << QStringList{"--help"};
+        QTest::newRow("-h") << QStringList{"-h"};
+        QTest::newRow("-c file -h") << QStringList{"-c", "keys.conf", "-h"};
+        QTest::newRow("-h before an unknown option") << QStringList{"--pid", "-h", "--bogus"};
+    }
+
+    void helpPrintsTheUsageAndNeverStarts()
+    {
+        QFETCH(QStringList, arguments);
+        const DaemonRunner::Result result = runner->run(arguments);
+        QCOMPARE(result.status, 0);
+        QCOMPARE(result.standardOutput, usageText);
+        QCOMPARE(result.standardError, QByteArray());
+        // An orphan would have been adopted before the foreground's exit was reported.
+        QVERIFY(runner->adoptedDaemons().isEmpty());
+        QVERIFY(!QFile::exists(runner->pidFile()));
+        QVERIFY(!QFile::exists(runner->defaultLogFile()));
+    }
+
+    void invalidOptionPrintsTheUsageAndFails_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QByteArray>("complaint");
+        QTest::newRow("unknown short option") << QStringList{"-x"} << QByteArray("invalid option");
+        QTest::newRow("unknown long option")
+            << QStringList{"--bogus", "-c", "keys.conf"} << QByteArray("unrecognized option");
+        QTest::newRow("missing argument")
+            << QStringList{"-c"} << QByteArray("requires an argument");
+    }
+
+    void invalidOptionPrintsTheUsageAndFails()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, complaint);
+        const DaemonRunner::Result result = runner->run(arguments);
+        QCOMPARE(result.status, 1);
+        QCOMPARE(result.standardOutput, usageText);
+        QVERIFY2(result.standardError.contains(complaint), result.standardError.constData());
+        QVERIFY(runner->adoptedDaemons().isEmpty());
+    }
+
+    void pidWithoutUsablePidFilePrintsZero_data()
+    {
+        QTest::addColumn<bool>("fileExists");
+        QTest::addColumn<QByteArray>("content");
+        QTest::newRow("no pid file") << false << QByteArray();
+        QTest::newRow("empty pid file") << true << QByteArray();
+        QTest::newRow("letters in the pid file") << true << QByteArray("selvane");
+    }
+
+    void pidWithoutUsablePidFilePrintsZero()
+    {
+        QFETCH(bool, fileExists);
+        QFETCH(QByteArray, content);
+        if (fileExists) {
+            writePidFile(content);
+        }
+        const DaemonRunner::Result result = runner->run({"--pid"});
+        QCOMPARE(result.status, 0);
+        QCOMPARE(result.standardOutput, QByteArray("0\n"));
+        QCOMPARE(result.standardError, QByteArray());
+    }
+
+    void pidWithStopPrintsThePidAndStopsNothing()
+    {
+        SigtermRecorder recorder;
+        QVERIFY(recorder.pid > 0);
+        writePidFile(QByteArray::number(recorder.pid));
+        const DaemonRunner::Result result = runner->run({"--pid", "--stop"});
+        QCOMPARE(result.status, 0);
+        QCOMPARE(result.standardOutput, QByteArray::number(recorder.pid) + "\n");
+        // kill() is synchronous: a SIGTERM sent would already be pending.
+        QVERIFY(!recorder.hasPendingSigterm());
+
+        // The same recorder does see a plain --stop.
+        QCOMPARE(runner->run({"--stop"}).status, 0);
+        QVERIFY(recorder.hasPendingSigterm());
+    }
+
+    void stopWithNothingRunningIsSilent()
+    {
+        const DaemonRunner::Result result = runner->run({"--stop"});
+        QCOMPARE(result.status, 0);
+        QCOMPARE(result.standardOutput, QByteArray());
+        QCOMPARE(result.standardError, QByteArray());
+    }
+
+    void startWithoutConfigFailsAndPrintsNothing()
+    {
+        const DaemonRunner::Result result = runner->run({"--start"});
+        QCOMPARE(result.status, 1);
+        QCOMPARE(result.standardOutput, QByteArray());
+        QCOMPARE(result.standardError, QByteArray());
+        QVERIFY(runner->adoptedDaemons().isEmpty());
+        // The logger never started: not even the log file exists.
+        QVERIFY(!QFile::exists(runner->defaultLogFile()));
+    }
+
+    void startDaemonisesAndSigtermEndsItInOrder()
+    {
+        const DaemonRunner::Result result = runner->run({"--start", "-c", configFile});
+        QCOMPARE(result.status, 0);
+        QCOMPARE(result.standardOutput, QByteArray());
+        QCOMPARE(result.standardError, QByteArray());
+        const pid_t daemon = runner->waitForDaemon();
+        QVERIFY(daemon > 0);
+        QVERIFY(isAlive(daemon));
+        // Digits only, no newline, the background child's pid.
+        QVERIFY(DaemonRunner::waitUntil([&] {
+            return DaemonRunner::readFile(runner->pidFile()) == QByteArray::number(daemon);
+        }));
+
+        // Qt runs offscreen without the daemon touching its own environment.
+        const QList<QByteArray> environment =
+            DaemonRunner::readFile(QStringLiteral("/proc/%1/environ").arg(daemon)).split('\0');
+        QVERIFY(!environment.isEmpty());
+        for (const QByteArray& variable : environment) {
+            QVERIFY2(!variable.startsWith("QT_QPA_PLATFORM=") && !variable.startsWith("DISPLAY="),
+                     variable.constData());
+        }
+
+        QCOMPARE(kill(daemon, SIGTERM), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        QVERIFY(!QFile::exists(runner->pidFile()));
+
+        const QStringList lines = DaemonRunner::readLines(runner->defaultLogFile());
+        for (const QString& line : lines) {
+            QVERIFY2(anyLogLine.match(line).hasMatch(), qPrintable(line));
+        }
+        const int quit = indexOf(lines, quitLine);
+        QVERIFY2(quit >= 0, qPrintable(lines.join('\n')));
+        QVERIFY2(indexOf(lines, exitLine, quit + 1) > quit, qPrintable(lines.join('\n')));
+        // "Logfile opened" is announced before the file channel is on.
+        QVERIFY(!lines.join('\n').contains(QStringLiteral("Logfile opened")));
+    }
+
+    void sigintQuitsLikeSigterm()
+    {
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        QCOMPARE(kill(daemon, SIGINT), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        const QStringList lines = DaemonRunner::readLines(runner->defaultLogFile());
+        QVERIFY(indexOf(lines, exitLine, indexOf(lines, quitLine) + 1) > 0);
+        QVERIFY(!QFile::exists(runner->pidFile()));
+    }
+
+    void logfileOptionChoosesTheLogFile()
+    {
+        const QString first = runner->path(QStringLiteral("first.log"));
+        const QString chosen = runner->path(QStringLiteral("chosen.log"));
+        const pid_t daemon = startDaemon({"-l", first, "--logfile", chosen});
+        QVERIFY(daemon > 0);
+        QCOMPARE(kill(daemon, SIGTERM), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        QVERIFY(indexOf(DaemonRunner::readLines(chosen), exitLine) >= 0);
+        QVERIFY(!QFile::exists(first));
+        QVERIFY(!QFile::exists(runner->defaultLogFile()));
+    }
+
+    void logfileIsAppendedTo()
+    {
+        {
+            QFile log(runner->defaultLogFile());
+            QVERIFY(log.open(QIODevice::WriteOnly));
+            log.write("an earlier line\n");
+        }
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        QCOMPARE(kill(daemon, SIGTERM), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        const QStringList lines = DaemonRunner::readLines(runner->defaultLogFile());
+        QCOMPARE(lines.value(0), QStringLiteral("an earlier line"));
+        QVERIFY(indexOf(lines, exitLine) > 0);
+    }
+
+    void secondStartIsRefused()
+    {
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        const DaemonRunner::Result result = runner->run({"-c", configFile});
+        QCOMPARE(result.status, 1);
+        QCOMPARE(result.standardOutput, alreadyRunning);
+        QCOMPARE(result.standardError, QByteArray());
+        QCOMPARE(runner->adoptedDaemons(), QList<pid_t>{daemon});
+        QVERIFY(isAlive(daemon));
+        QCOMPARE(DaemonRunner::readFile(runner->pidFile()), QByteArray::number(daemon));
+    }
+
+    void restartWhileRunningEndsAsAlreadyRunningOrRestarts()
+    {
+        // The stop does not wait, so either outcome is correct; what must not
+        // happen is two daemons at once or a silent failure.
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        const DaemonRunner::Result result = runner->run({"--restart", "-c", configFile});
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        if (result.status == 1) {
+            QCOMPARE(result.standardOutput, alreadyRunning);
+            QVERIFY(runner->adoptedDaemons().isEmpty());
+        } else {
+            QCOMPARE(result.status, 0);
+            QVERIFY(runner->waitForDaemon() > 0);
+        }
+    }
+
+    void pidFileOfAnUnrelatedProcessDoesNotBlock()
+    {
+        // This test process is alive and is not orvanta-selvane.
+        writePidFile(QByteArray::number(getpid()));
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        QCOMPARE(DaemonRunner::readFile(runner->pidFile()), QByteArray::number(daemon));
+    }
+
+    void restartStopsTheNamedProcessAndStarts()
+    {
+        SigtermRecorder recorder;
+        QVERIFY(recorder.pid > 0);
+        writePidFile(QByteArray::number(recorder.pid));
+        const DaemonRunner::Result result = runner->run({"--restart", "-c", configFile});
+        QCOMPARE(result.status, 0);
+        QVERIFY(recorder.hasPendingSigterm());
+        const pid_t daemon = runner->waitForDaemon();
+        QVERIFY(daemon > 0);
+        QVERIFY(DaemonRunner::waitUntil([&] {
+            return DaemonRunner::readFile(runner->pidFile()) == QByteArray::number(daemon);
+        }));
+    }
+
+    void pidAndStopReachTheRunningDaemon()
+    {
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        const DaemonRunner::Result pid = runner->run({"--pid"});
+        QCOMPARE(pid.status, 0);
+        QCOMPARE(pid.standardOutput, QByteArray::number(daemon) + "\n");
+
+        const DaemonRunner::Result stop = runner->run({"--stop"});
+        QCOMPARE(stop.status, 0);
+        QCOMPARE(stop.standardOutput, QByteArray());
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        QVERIFY(indexOf(DaemonRunner::readLines(runner->defaultLogFile()), quitLine) >= 0);
+        QVERIFY(!QFile::exists(runner->pidFile()));
+    }
+
+    void sigsegvLogsABacktraceAndExitsWithStatus1()
+    {
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        QCOMPARE(kill(daemon, SIGSEGV), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 1);
+        QVERIFY(!QFile::exists(runner->pidFile()));
+
+        const QStringList lines = DaemonRunner::readLines(runner->defaultLogFile());
+        const int header = indexOf(lines, segfaultLine);
+        QVERIFY2(header >= 0, qPrintable(lines.join('\n')));
+        const int exiting = indexOf(lines, exitingLine, header + 1);
+        QVERIFY2(exiting > header + 1, qPrintable(lines.join('\n')));
+        const QRegularExpression frame(
+            QStringLiteral(R"(\[Error\] \[Main:segfault_handler:\d+\] \S)"));
+        for (int i = header + 1; i < exiting; ++i) {
+            QVERIFY2(frame.match(lines[i]).hasMatch(), qPrintable(lines[i]));
+        }
+        QVERIFY(indexOf(lines, exitLine) < 0);
+    }
+
+    void runsWithoutPidFileWhenItsDirectoryIsMissing()
+    {
+        runner->setRunDirPresent(false);
+        const DaemonRunner::Result result = runner->run({"-c", configFile});
+        QCOMPARE(result.status, 0);
+        const pid_t daemon = runner->waitForDaemon();
+        QVERIFY(daemon > 0);
+        QVERIFY(isAlive(daemon));
+        // Without a pid file --pid cannot see it.
+        QCOMPARE(runner->run({"--pid"}).standardOutput, QByteArray("0\n"));
+        QCOMPARE(kill(daemon, SIGTERM), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        QVERIFY(indexOf(DaemonRunner::readLines(runner->defaultLogFile()), exitLine) >= 0);
+    }
+
+    void runsWhenTheLogFileCannotBeOpened()
+    {
+        const pid_t daemon =
+            startDaemon({"-l", runner->path(QStringLiteral("no-such-dir/selvane.log"))});
+        QVERIFY(daemon > 0);
+        QCOMPARE(kill(daemon, SIGTERM), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        QVERIFY(!QFile::exists(runner->path(QStringLiteral("no-such-dir"))));
+    }
+};
+
+SELVANE_DAEMON_TEST_MAIN(DaemonBlackBoxTest)
+#include "test_daemon_blackbox.moc"

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <QByteArray>
+#include <QCoreApplication>
+#include <QList>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <cstdio>
+#include <functional>
+#include <sys/types.h>
+
+// Runs the built orvanta-selvane the way its users do, from the outside:
+// through run-isolated.sh (private /run, /var/log and /usr/share) against a
+// private session bus. The test process becomes a child subreaper, so the
+// daemon child that the foreground process leaves behind when it exits is
+// adopted by the test, which can then collect its exit status.
+//
+// On the host, the daemon's /run/orvanta is runDir() and its /var/log is
+// logDir(); both live in the runner's temporary directory.
+class DaemonRunner
+{
+public:
+    static constexpr int defaultTimeoutMs = 10000;
+
+    struct Result
+    {
+        int status = -1; // exit status, 128 + signal when killed, -1 on time-out
+        QByteArray standardOutput;
+        QByteArray standardError;
+    };
+
+    // Why the daemon cannot be run here (no private mount namespace, no
+    // dbus-daemon), or an empty string.
+    static QString unavailableReason();
+
+    DaemonRunner();
+    // Kills the adopted daemons that still run, then the bus.
+    ~DaemonRunner();
+
+    DaemonRunner(const DaemonRunner&) = delete;
+    DaemonRunner& operator=(const DaemonRunner&) = delete;
+
+    // True when the private bus is up; the constructor starts it.
+    bool isBusRunning() const { return !address.isEmpty(); }
+    QString busAddress() const { return address; }
+
+    // The daemon's /usr/share/orvanta is a copy of sourceDir (default: absent).
+    void setShareDir(const QString& sourceDir) { shareDir = sourceDir; }
+    // With false, the daemon has no /run/orvanta and cannot write its pid file.
+    void setRunDirPresent(bool present) { runDirPresent = present; }
+
+    // Runs orvanta-selvane with the arguments in the foreground and waits for
+    // it; kills it after the time-out.
+    Result run(const QStringList& arguments, int timeoutMs = defaultTimeoutMs);
+
+    // Daemon processes adopted by the test process and not yet waited for,
+    // as they are at this moment.
+    QList<pid_t> adoptedDaemons() const;
+    // Waits until a daemon is adopted; 0 on time-out.
+    pid_t waitForDaemon(int timeoutMs = defaultTimeoutMs) const;
+
+    // A path in the runner's own temporary directory.
+    QString path(const QString& name) const { return dir.filePath(name); }
+    QString runDir() const { return path(QStringLiteral("run")); }
+    QString pidFile() const { return path(QStringLiteral("run/orvanta-selvane.pid")); }
+    QString logDir() const { return path(QStringLiteral("log")); }
+    QString defaultLogFile() const { return path(QStringLiteral("log/orvanta-selvane.log")); }
+
+    // Starts "sleep infinity" as a child of this process, with the default
+    // action for every signal. With blockSignals, every signal but SIGKILL and
+    // SIGSTOP stays pending instead, so a test can see which ones were sent.
+    // Returns -1 on failure.
+    static pid_t startIdleProcess(bool blockSignals = false);
+    // True if a SIGTERM is pending on the process (see startIdleProcess).
+    static bool hasPendingSigterm(pid_t pid);
+    // Makes the calling process adopt its orphaned descendants.
+    static bool becomeSubreaper();
+    // Waits for a child of this process to end and reaps it. Returns the exit
+    // status, 128 + signal when it was killed, -1 on time-out.
+    static int waitForExit(pid_t pid, int timeoutMs = defaultTimeoutMs);
+    // Re-checks the condition, processing events in between, until it holds
+    // or the time is up.
+    static bool waitUntil(const std::function<bool()>& condition, int timeoutMs = defaultTimeoutMs);
+    static QByteArray readFile(const QString& fileName);
+    // The file's lines without their line ends.
+    static QStringList readLines(const QString& fileName);
+    // Waits until a line of the file matches; true if one did in time.
+    static bool waitForLine(const QString& fileName, const QRegularExpression& pattern,
+                            int timeoutMs = defaultTimeoutMs);
+
+private:
+    QTemporaryDir dir;
+    QProcess bus;
+    QString address;
+    QString shareDir;
+    bool runDirPresent = true;
+    int runCount = 0;
+};
+
+// Like QTEST_GUILESS_MAIN, but exits with 77 (skipped) when the daemon cannot
+// be run here, so such a test is never counted as passed without having run.
+#define SELVANE_DAEMON_TEST_MAIN(TestObject)                                                       \
+    int main(int argc, char** argv)                                                                \
+    {                                                                                              \
+        QCoreApplication app(argc, argv);                                                          \
+        const QString reason = DaemonRunner::unavailableReason();                                  \
+        if (!reason.isEmpty()) {                                                                   \
+            std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));                                \
+            return 77;                                                                             \
+        }                                                                                          \
+        TestObject test;                                                                           \
+        QTEST_SET_MAIN_SOURCE_PATH                                                                 \
+        return QTest::qExec(&test, argc, argv);                                                    \
+    }
