@@ -95,6 +95,17 @@ private Q_SLOTS:
         QVERIFY(!Logger::getInstance());
     }
 
+    void metaObjectNamesTheClassAndItsSignal()
+    {
+        const QMetaObject& meta = Logger::staticMetaObject;
+        QCOMPARE(meta.className(), "Orvanta::Logger");
+        const int index =
+            meta.indexOfSignal("message(QString,Logger::Level,QString,QString,int,QString)");
+        QVERIFY(index >= 0);
+        QCOMPARE(meta.method(index).parameterNames(),
+                 (QList<QByteArray>{"time", "level", "file", "function", "line", "mesg"}));
+    }
+
     void initializeTwiceKeepsTheInstance()
     {
         Logger* first = Logger::getInstance();
