@@ -126,6 +126,38 @@ private Q_SLOTS:
         verifyNothingWritten(testbed, node);
     }
 
+    void theBlinkerSavesTheLedsAgainAndAFailedQueryIsReported()
+    {
+        UmockdevTestbed testbed;
+        UmockdevDeviceState state;
+        state.ledStateFails = true;
+        const QString node = testbed.addDevice(DeviceSpec::keyboard(), state);
+        LogCapture capture;
+        EventDevice device(node);
+        const QString prefix = "ioctl() error on device " + node + " : ";
+        const auto failedQueries = [&capture, &prefix] {
+            QVector<LogCapture::Entry> lines;
+            for (const LogCapture::Entry& line : capture.entries()) {
+                if (line.message.startsWith(prefix)) {
+                    lines.append(line);
+                }
+            }
+            return lines;
+        };
+        QCOMPARE(failedQueries().size(), 1);
+        const LogCapture::Entry line = failedQueries().first();
+        QCOMPARE(line.level, Logger::LEVEL_WARNING);
+        QCOMPARE(line.file, QStringLiteral("EventDevice"));
+        QCOMPARE(line.function, QStringLiteral("storeLedState"));
+        // The error text after the prefix is whatever the emulation answers.
+        QVERIFY(line.message.size() > prefix.size());
+        QVERIFY(device.getFd() != -1);
+
+        ManualClock clock;
+        LedBlinker blinker(&device, clock.function());
+        QCOMPARE(failedQueries().size(), 2);
+    }
+
     void ledCallsOnAClosedDeviceDoNothing()
     {
         UmockdevTestbed testbed;

@@ -377,6 +377,8 @@ QString UmockdevTestbed::ioctlRecord(const QString& node, const DeviceSpec& spec
         lines << bitsLine("EVIOCGBIT", EV_LED, ledBytes, spec.leds);
     }
     lines << bitsLine("EVIOCGKEY", 0, keyBytes, state.keysDown);
-    lines << bitsLine("EVIOCGLED", 0, ledBytes, state.ledsOn);
+    if (!state.ledStateFails) {
+        lines << bitsLine("EVIOCGLED", 0, ledBytes, state.ledsOn);
+    }
     return lines.join(QLatin1Char('\n')) + QLatin1Char('\n');
 }

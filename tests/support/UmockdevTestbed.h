@@ -55,6 +55,7 @@ struct UmockdevDeviceState
     QVector<int> keysDown;       // keys reported as held by EVIOCGKEY
     QVector<int> ledsOn;         // LEDs reported as lit by EVIOCGLED
     bool eventTypesFail = false; // EVIOCGBIT(0, ...) fails instead of answering
+    bool ledStateFails = false;  // EVIOCGLED fails instead of answering
 };
 
 class UmockdevTestbed
