@@ -151,7 +151,7 @@ bool EventDevice::isKeyPressed(int key) const
 
 bool EventDevice::isKeyPressed() const
 {
-    // The last code is left out of the scan, as it always has been.
+    // Code 767 is left out of the scan: holding only that key counts as no key held.
     for (int key = 0; key < lastKeyCode; ++key) {
         if (testBit(keyState, key)) {
             return true;
