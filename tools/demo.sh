@@ -32,7 +32,7 @@ wait_for_line() {
 }
 
 install_packages() {
-    local packages=(cmake ninja-build g++ pkg-config qt6-base-dev libqt6core5compat6-dev
+    local packages=(cmake ninja-build g++ pkg-config qt6-base-dev qt6-5compat-dev
         libxcb1-dev libxcb-image0-dev libxcb-randr0-dev dbus umockdev libumockdev-dev
         util-linux)
     local missing=() package

@@ -13,10 +13,9 @@ quick=0
 
 packages=(
     build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
-    qt6-base-dev qt6-base-dev-tools libqt6core5compat6-dev
+    qt6-base-dev qt6-base-dev-tools qt6-5compat-dev
     libxcb1-dev libxcb-image0-dev libxcb-randr0-dev
     dbus dbus-daemon umockdev libumockdev-dev
-    xvfb x11-utils x11-apps
     qemu-system-x86 linux-image-amd64 busybox-static cpio xz-utils kmod
     util-linux procps
 )
