@@ -1,4 +1,5 @@
 #include "DaemonRunner.h"
+#include "TestFiles.h"
 
 #include "common/Daemon.h"
 
@@ -15,13 +16,6 @@
 namespace Daemon = Orvanta::Daemon;
 
 namespace {
-
-void writeFile(const QString& fileName, const QByteArray& bytes)
-{
-    QFile file(fileName);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(bytes);
-}
 
 // fork() with nothing left in stdio buffers, so no output is written twice.
 pid_t forkFlushed()
@@ -64,7 +58,7 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, content);
         QFETCH(int, pid);
-        writeFile(pidFile, content);
+        QVERIFY(writeFile(pidFile, content));
         QCOMPARE(Daemon::getPid(pidFile), pid);
     }
 
@@ -78,13 +72,13 @@ private Q_SLOTS:
 
     void ownProcessWithOwnExecutableIsRunning()
     {
-        writeFile(pidFile, QByteArray::number(getpid()));
+        QVERIFY(writeFile(pidFile, QByteArray::number(getpid())));
         QVERIFY(Daemon::isProgramRunning(pidFile, QCoreApplication::applicationFilePath()));
     }
 
     void ownProcessWithAnotherExecutableIsNotRunning()
     {
-        writeFile(pidFile, QByteArray::number(getpid()));
+        QVERIFY(writeFile(pidFile, QByteArray::number(getpid())));
         QVERIFY(!Daemon::isProgramRunning(pidFile, QStringLiteral("/bin/sh")));
         // The comparison is exact: case matters.
         QVERIFY(
@@ -95,7 +89,7 @@ private Q_SLOTS:
     {
         const QString self = QCoreApplication::applicationFilePath();
         QVERIFY(!Daemon::isProgramRunning(pidFile, self));
-        writeFile(pidFile, "letters");
+        QVERIFY(writeFile(pidFile, "letters"));
         QVERIFY(!Daemon::isProgramRunning(pidFile, self));
     }
 
@@ -106,7 +100,7 @@ private Q_SLOTS:
             _exit(0);
         }
         QCOMPARE(DaemonRunner::waitForExit(child), 0);
-        writeFile(pidFile, QByteArray::number(child));
+        QVERIFY(writeFile(pidFile, QByteArray::number(child)));
         QVERIFY(!Daemon::isProgramRunning(pidFile, QCoreApplication::applicationFilePath()));
     }
 
@@ -114,7 +108,7 @@ private Q_SLOTS:
     {
         const pid_t child = DaemonRunner::startIdleProcess();
         QVERIFY(child > 0);
-        writeFile(pidFile, QByteArray::number(child));
+        QVERIFY(writeFile(pidFile, QByteArray::number(child)));
         Daemon::stop(pidFile);
         QCOMPARE(DaemonRunner::waitForExit(child), 128 + SIGTERM);
         // The stopped process removes the pid file itself, not stop().
@@ -124,7 +118,7 @@ private Q_SLOTS:
     void stopWithoutPidFileDoesNothing()
     {
         Daemon::stop(pidFile);
-        writeFile(pidFile, "0");
+        QVERIFY(writeFile(pidFile, "0"));
         Daemon::stop(pidFile);
         QVERIFY(QFile::exists(pidFile));
     }
@@ -142,7 +136,7 @@ private Q_SLOTS:
 
         QByteArray content;
         QVERIFY(DaemonRunner::waitUntil([&] {
-            content = DaemonRunner::readFile(pidFile);
+            content = readFile(pidFile);
             return !content.isEmpty();
         }));
         QVERIFY2(QRegularExpression(QStringLiteral("^[0-9]+$"))
@@ -170,8 +164,8 @@ private Q_SLOTS:
             _exit(started ? 42 : 43);
         }
         QCOMPARE(DaemonRunner::waitForExit(foreground), 0);
-        QVERIFY(DaemonRunner::waitUntil([&] { return DaemonRunner::readFile(reportFile).size(); }));
-        const pid_t background = DaemonRunner::readFile(reportFile).toInt();
+        QVERIFY(DaemonRunner::waitUntil([&] { return readFile(reportFile).size(); }));
+        const pid_t background = readFile(reportFile).toInt();
         QVERIFY(background != foreground);
         QCOMPARE(DaemonRunner::waitForExit(background), 43);
         QVERIFY(!QFile::exists(unwritable));

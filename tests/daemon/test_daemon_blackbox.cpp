@@ -1,4 +1,5 @@
 #include "DaemonRunner.h"
+#include "TestFiles.h"
 
 #include <QFile>
 #include <QRegularExpression>
@@ -59,7 +60,7 @@ int indexOf(const QStringList& lines, const QRegularExpression& pattern, int fro
 bool isAlive(pid_t pid)
 {
     // A zombie still takes signals; its state letter tells it apart.
-    const QByteArray stat = DaemonRunner::readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
     const qsizetype close = stat.lastIndexOf(')');
     return close > 0 && stat.size() > close + 2 && stat[close + 2] != 'Z';
 }
@@ -110,7 +111,7 @@ private:
         }
         const pid_t pid = runner->waitForDaemon();
         if (pid <= 0 || !DaemonRunner::waitUntil([&] {
-                return DaemonRunner::readFile(runner->pidFile()) == QByteArray::number(pid);
+                return readFile(runner->pidFile()) == QByteArray::number(pid);
             })) {
             return 0;
         }
@@ -240,13 +241,12 @@ private Q_SLOTS:
         QVERIFY(daemon > 0);
         QVERIFY(isAlive(daemon));
         // Digits only, no newline, the background child's pid.
-        QVERIFY(DaemonRunner::waitUntil([&] {
-            return DaemonRunner::readFile(runner->pidFile()) == QByteArray::number(daemon);
-        }));
+        QVERIFY(DaemonRunner::waitUntil(
+            [&] { return readFile(runner->pidFile()) == QByteArray::number(daemon); }));
 
         // Qt runs offscreen without the daemon touching its own environment.
         const QList<QByteArray> environment =
-            DaemonRunner::readFile(QStringLiteral("/proc/%1/environ").arg(daemon)).split('\0');
+            readFile(QStringLiteral("/proc/%1/environ").arg(daemon)).split('\0');
         QVERIFY(!environment.isEmpty());
         for (const QByteArray& variable : environment) {
             QVERIFY2(!variable.startsWith("QT_QPA_PLATFORM=") && !variable.startsWith("DISPLAY="),
@@ -318,7 +318,7 @@ private Q_SLOTS:
         QCOMPARE(result.standardError, QByteArray());
         QCOMPARE(runner->adoptedDaemons(), QList<pid_t>{daemon});
         QVERIFY(isAlive(daemon));
-        QCOMPARE(DaemonRunner::readFile(runner->pidFile()), QByteArray::number(daemon));
+        QCOMPARE(readFile(runner->pidFile()), QByteArray::number(daemon));
     }
 
     void restartWhileRunningEndsAsAlreadyRunningOrRestarts()
@@ -344,7 +344,7 @@ private Q_SLOTS:
         writePidFile(QByteArray::number(getpid()));
         const pid_t daemon = startDaemon();
         QVERIFY(daemon > 0);
-        QCOMPARE(DaemonRunner::readFile(runner->pidFile()), QByteArray::number(daemon));
+        QCOMPARE(readFile(runner->pidFile()), QByteArray::number(daemon));
     }
 
     void restartStopsTheNamedProcessAndStarts()
@@ -357,9 +357,8 @@ private Q_SLOTS:
         QVERIFY(recorder.hasPendingSigterm());
         const pid_t daemon = runner->waitForDaemon();
         QVERIFY(daemon > 0);
-        QVERIFY(DaemonRunner::waitUntil([&] {
-            return DaemonRunner::readFile(runner->pidFile()) == QByteArray::number(daemon);
-        }));
+        QVERIFY(DaemonRunner::waitUntil(
+            [&] { return readFile(runner->pidFile()) == QByteArray::number(daemon); }));
     }
 
     void pidAndStopReachTheRunningDaemon()

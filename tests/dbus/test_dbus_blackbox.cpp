@@ -4,6 +4,7 @@
 
 #include "DaemonRunner.h"
 #include "PlatformSimulatorProcess.h"
+#include "TestFiles.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -87,7 +88,7 @@ private Q_SLOTS:
         const pid_t daemon = runner->waitForDaemon();
         QVERIFY(daemon > 0);
         QVERIFY2(DaemonRunner::waitForExit(daemon) == 1,
-                 DaemonRunner::readFile(runner->path("no-bus.err")).constData());
+                 readFile(runner->path("no-bus.err")).constData());
 
         const QStringList lines = DaemonRunner::readLines(runner->defaultLogFile());
         const int noBus = indexOf(lines, noBusLine);

@@ -1,4 +1,5 @@
 #include "LogCapture.h"
+#include "TestFiles.h"
 
 #include "input/EventDevice.h"
 #include "input/InputKeyCode.h"
@@ -8,16 +9,6 @@
 #include <QtTest>
 
 using Orvanta::Logger;
-
-namespace {
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-} // namespace
 
 // The handler without devices that can be opened: configuration file reading,
 // device book-keeping and the list of triggered actions.
@@ -224,11 +215,9 @@ private:
     QString writeConfig(const QByteArray& content)
     {
         const QString name = dir->filePath("keys.conf");
-        QFile file(name);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        if (!writeFile(name, content)) {
             qFatal("cannot write %s", qPrintable(name));
         }
-        file.write(content);
         return name;
     }
 

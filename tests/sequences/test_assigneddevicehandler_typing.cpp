@@ -1,4 +1,5 @@
 #include "LogCapture.h"
+#include "TestFiles.h"
 #include "UmockdevTestbed.h"
 
 #include "input/EventDevice.h"
@@ -238,10 +239,7 @@ private:
     void createHandler(const QString& content)
     {
         const QString name = dir->filePath("keys.conf");
-        QFile file(name);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(content.toLatin1());
-        file.close();
+        QVERIFY(writeFile(name, content.toLatin1()));
         handler.reset(new AssignedDeviceHandler(name));
     }
 
@@ -262,11 +260,7 @@ private:
         handler->update();
     }
 
-    QByteArray output() const
-    {
-        QFile file(out);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    QByteArray output() const { return readFile(out); }
 
     QScopedPointer<QTemporaryDir> dir;
     QString out;

@@ -1,4 +1,5 @@
 #include "LogCapture.h"
+#include "TestFiles.h"
 
 #include "input/EventDevice.h"
 #include "sequences/AssignedDeviceHandler.h"
@@ -12,16 +13,6 @@
 #include <unistd.h>
 
 using Orvanta::Logger;
-
-namespace {
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-} // namespace
 
 // Commands run on behalf of a device. The device here is one that could not
 // be opened: it still carries variables, and none of its keys is down.

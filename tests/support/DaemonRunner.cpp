@@ -1,5 +1,7 @@
 #include "DaemonRunner.h"
 
+#include "TestFiles.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
@@ -286,12 +288,6 @@ bool DaemonRunner::waitUntil(const std::function<bool()>& condition, int timeout
         QTest::qWait(10);
     }
     return true;
-}
-
-QByteArray DaemonRunner::readFile(const QString& fileName)
-{
-    QFile file(fileName);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 QStringList DaemonRunner::readLines(const QString& fileName)

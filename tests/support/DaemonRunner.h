@@ -86,7 +86,6 @@ public:
     // Re-checks the condition, processing events in between, until it holds
     // or the time is up.
     static bool waitUntil(const std::function<bool()>& condition, int timeoutMs = defaultTimeoutMs);
-    static QByteArray readFile(const QString& fileName);
     // The file's lines without their line ends.
     static QStringList readLines(const QString& fileName);
     // Waits until a line of the file matches; true if one did in time.

@@ -1,6 +1,7 @@
 // AssignedDeviceHandler with kernel keyboards: commands run from real key
 // events, and an unplug drops a pending command.
 #include "LogCapture.h"
+#include "TestFiles.h"
 #include "UinputTestMain.h"
 
 #include "input/EventDevice.h"
@@ -119,18 +120,11 @@ private:
     void createHandler(const QString& configuration)
     {
         const QString config = dir->filePath("keys.conf");
-        QFile file(config);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(configuration.toLatin1());
-        file.close();
+        QVERIFY(writeFile(config, configuration.toLatin1()));
         handler.reset(new AssignedDeviceHandler(config));
     }
 
-    QByteArray output() const
-    {
-        QFile file(out);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    QByteArray output() const { return readFile(out); }
 
     std::unique_ptr<QTemporaryDir> dir;
     QString out;
