@@ -82,7 +82,8 @@ private Q_SLOTS:
     void openingAKeyboardLogsItsName()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard(QStringLiteral("Desk Board")));
+        const QString node =
+            testbed.addDevice(DeviceDescription::keyboard(QStringLiteral("Desk Board")));
         LogCapture capture;
         EventDevice device(node);
         QVERIFY(device.getFd() != -1);
@@ -99,7 +100,7 @@ private Q_SLOTS:
     void destroyingAnOpenDeviceLogsTheClose()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         auto* device = new EventDevice(node);
         LogCapture capture;
         delete device;
@@ -112,7 +113,7 @@ private Q_SLOTS:
         UmockdevTestbed testbed;
         UmockdevDeviceState state;
         state.keysDown = {KEY_A};
-        EventDevice device(testbed.addDevice(DeviceSpec::keyboard(), state));
+        EventDevice device(testbed.addDevice(DeviceDescription::keyboard(), state));
         QVERIFY(device.isKeyPressed(KEY_A));
         QVERIFY(!device.isKeyPressedOnce(KEY_A));
         QVERIFY(device.isKeyPressed());
@@ -122,7 +123,7 @@ private Q_SLOTS:
     void pressingAThenBEmitsTwice()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         EmissionRecorder recorder(device, {KEY_A, KEY_B});
         QVERIFY(testbed.pressKey(node, KEY_A));
@@ -143,7 +144,7 @@ private Q_SLOTS:
     void autoRepeatEmitsNothing()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         EmissionRecorder recorder(device, {KEY_A, KEY_B});
         QVERIFY(testbed.pressKey(node, KEY_A));
@@ -162,7 +163,7 @@ private Q_SLOTS:
     void releaseEmitsWithoutPressedOnce()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         QVERIFY(testbed.pressKey(node, KEY_A));
         deliver(testbed, node, device);
@@ -179,7 +180,7 @@ private Q_SLOTS:
     void otherEventTypesAreIgnored()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         EmissionRecorder recorder(device, {KEY_A, KEY_B});
         QVERIFY(testbed.writeEvent(node, EV_MSC, MSC_SCAN, KEY_A));
@@ -196,7 +197,7 @@ private Q_SLOTS:
     void aRecordAndAPartialOneProcessTheRecordAndDropTheRest()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         EmissionRecorder recorder(device, {KEY_A, KEY_B});
         LogCapture capture;
@@ -226,7 +227,7 @@ private Q_SLOTS:
     {
         QFETCH(int, bytes);
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         EmissionRecorder recorder(device, {KEY_A});
         LogCapture capture;
@@ -242,7 +243,7 @@ private Q_SLOTS:
     void oneReadTakesAtMost42Records()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         QVector<int> codes;
         QByteArray records;
@@ -269,7 +270,7 @@ private Q_SLOTS:
     void keyCodesBeyondTheStateAreReportedNotStored()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         EmissionRecorder recorder(device, {});
         LogCapture capture;
@@ -283,7 +284,7 @@ private Q_SLOTS:
     void mouseWithButtonsIsUsable()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::mouse());
+        const QString node = testbed.addDevice(DeviceDescription::mouse());
         EventDevice device(node);
         QVERIFY(device.getFd() != -1);
         QCOMPARE(device.getDeviceFileName(), node);
@@ -298,7 +299,7 @@ private Q_SLOTS:
     void deviceWithoutKeysIsClosed()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::relativeOnly());
+        const QString node = testbed.addDevice(DeviceDescription::relativeOnly());
         LogCapture capture;
         auto* device = new EventDevice(node);
         verifyLine(capture, "Device at " + node + " does not have keys.  It will not be used.",
@@ -316,7 +317,7 @@ private Q_SLOTS:
         UmockdevTestbed testbed;
         UmockdevDeviceState state;
         state.eventTypesFail = true;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard(), state);
+        const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
         LogCapture capture;
         EventDevice device(node);
         verifyLine(capture, "Could not get event types for device " + node + ".",
@@ -343,7 +344,7 @@ private Q_SLOTS:
         UmockdevTestbed testbed;
         UmockdevDeviceState state;
         state.keysDown = {767};
-        EventDevice device(testbed.addDevice(DeviceSpec::keyboard(), state));
+        EventDevice device(testbed.addDevice(DeviceDescription::keyboard(), state));
         LogCapture capture;
         QVERIFY(device.isKeyPressed(767));
         QVERIFY(!device.isKeyPressed());
@@ -363,7 +364,7 @@ private Q_SLOTS:
         UmockdevTestbed testbed;
         UmockdevDeviceState state;
         state.keysDown = {767};
-        EventDevice device(testbed.addDevice(DeviceSpec::keyboard(), state));
+        EventDevice device(testbed.addDevice(DeviceDescription::keyboard(), state));
         LogCapture capture;
         const QString message = QStringLiteral("key is invalid: %1").arg(key);
         QVERIFY(!device.isKeyPressed(key));
@@ -376,7 +377,7 @@ private Q_SLOTS:
     void deviceVariablesAreSetAndOverwritten()
     {
         UmockdevTestbed testbed;
-        EventDevice device(testbed.addDevice(DeviceSpec::keyboard()));
+        EventDevice device(testbed.addDevice(DeviceDescription::keyboard()));
         device.setDeviceVariable(QStringLiteral("station_id"), QStringLiteral("3"));
         device.setDeviceVariable(QStringLiteral("seat"), QStringLiteral("left"));
         device.setDeviceVariable(QStringLiteral("station_id"), QStringLiteral("4"));
@@ -388,8 +389,8 @@ private Q_SLOTS:
     void readEventsReadsEveryDeviceInOrder()
     {
         UmockdevTestbed testbed;
-        const QString first = testbed.addDevice(DeviceSpec::keyboard());
-        const QString second = testbed.addDevice(DeviceSpec::mouse());
+        const QString first = testbed.addDevice(DeviceDescription::keyboard());
+        const QString second = testbed.addDevice(DeviceDescription::mouse());
         QVector<EventDevice*> devices{new EventDevice(first), new EventDevice(second)};
         QVector<const EventDevice*> senders;
         for (EventDevice* device : std::as_const(devices)) {
@@ -413,10 +414,10 @@ private Q_SLOTS:
         UmockdevDeviceState failing;
         failing.eventTypesFail = true;
         QVector<EventDevice*> devices{
-            new EventDevice(testbed.addDevice(DeviceSpec::keyboard())),
-            new EventDevice(testbed.addDevice(DeviceSpec::relativeOnly())),
-            new EventDevice(testbed.addDevice(DeviceSpec::mouse())),
-            new EventDevice(testbed.addDevice(DeviceSpec::keyboard(), failing))};
+            new EventDevice(testbed.addDevice(DeviceDescription::keyboard())),
+            new EventDevice(testbed.addDevice(DeviceDescription::relativeOnly())),
+            new EventDevice(testbed.addDevice(DeviceDescription::mouse())),
+            new EventDevice(testbed.addDevice(DeviceDescription::keyboard(), failing))};
         const QVector<EventDevice*> open{devices[0], devices[2]};
         QPointer<EventDevice> withoutKeys(devices[1]);
         QPointer<EventDevice> withoutTypes(devices[3]);

@@ -72,7 +72,7 @@ private Q_SLOTS:
     void setLedOnWritesOneBareLedRecord()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         device.setLedOn(LED_CAPSL, true);
         device.setLedOn(LED_CAPSL, false);
@@ -90,7 +90,7 @@ private Q_SLOTS:
     void ledCodeFifteenIsRejectedAndFourteenWritten()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         LogCapture capture;
         device.setLedOn(15, true);
@@ -111,7 +111,7 @@ private Q_SLOTS:
         UmockdevTestbed testbed;
         UmockdevDeviceState state;
         state.ledsOn = {LED_NUML, LED_SCROLLL, 14};
-        const QString node = testbed.addDevice(DeviceSpec::keyboard(), state);
+        const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
         EventDevice device(node);
         device.restoreLedState();
         QVector<Led> expected;
@@ -131,7 +131,7 @@ private Q_SLOTS:
         UmockdevTestbed testbed;
         UmockdevDeviceState state;
         state.ledStateFails = true;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard(), state);
+        const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
         LogCapture capture;
         EventDevice device(node);
         const QString prefix = "ioctl() error on device " + node + " : ";
@@ -161,7 +161,7 @@ private Q_SLOTS:
     void ledCallsOnAClosedDeviceDoNothing()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::relativeOnly());
+        const QString node = testbed.addDevice(DeviceDescription::relativeOnly());
         EventDevice device(node);
         QCOMPARE(device.getFd(), -1);
         LogCapture capture;
@@ -200,7 +200,7 @@ private Q_SLOTS:
     void rotationStepsThroughNumCapsAndScroll()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         ManualClock clock;
         LedBlinker blinker(&device, clock.function());
@@ -226,7 +226,7 @@ private Q_SLOTS:
     void twoUpdatesInOneSecondMakeOneStep()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         ManualClock clock;
         LedBlinker blinker(&device, clock.function());
@@ -241,7 +241,7 @@ private Q_SLOTS:
     void aClockSetBackWaitsUntilItPassesTheLastStep()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         ManualClock clock;
         LedBlinker blinker(&device, clock.function());
@@ -273,7 +273,7 @@ private Q_SLOTS:
         UmockdevTestbed testbed;
         UmockdevDeviceState state;
         state.ledsOn = {LED_NUML};
-        const QString node = testbed.addDevice(DeviceSpec::keyboard(), state);
+        const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
         EventDevice device(node);
         ManualClock clock;
         auto blinker = std::make_unique<LedBlinker>(&device, clock.function());
@@ -295,7 +295,7 @@ private Q_SLOTS:
     void theDefaultClockIsTheWallClock()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         LedBlinker blinker(&device);
         // Within the second of construction no step is due yet, whatever the machine's speed:

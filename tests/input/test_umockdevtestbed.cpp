@@ -49,8 +49,10 @@ private Q_SLOTS:
     void nodesAreNumberedFromEventZero()
     {
         UmockdevTestbed testbed;
-        QCOMPARE(testbed.addDevice(DeviceSpec::keyboard()), QStringLiteral("/dev/input/event0"));
-        QCOMPARE(testbed.addDevice(DeviceSpec::mouse()), QStringLiteral("/dev/input/event1"));
+        QCOMPARE(testbed.addDevice(DeviceDescription::keyboard()),
+                 QStringLiteral("/dev/input/event0"));
+        QCOMPARE(testbed.addDevice(DeviceDescription::mouse()),
+                 QStringLiteral("/dev/input/event1"));
         QCOMPARE(qgetenv("UMOCKDEV_DIR"), QFile::encodeName(testbed.rootDir()));
     }
 
@@ -60,7 +62,7 @@ private Q_SLOTS:
         UmockdevDeviceState state;
         state.keysDown = {KEY_A, KEY_LEFTSHIFT};
         state.ledsOn = {LED_NUML};
-        const QString node = testbed.addDevice(DeviceSpec::keyboard("Desk Keyboard"), state);
+        const QString node = testbed.addDevice(DeviceDescription::keyboard("Desk Keyboard"), state);
         OpenedNode opened(node);
         QVERIFY(opened.fd != -1);
 
@@ -90,7 +92,7 @@ private Q_SLOTS:
         UmockdevTestbed testbed;
         UmockdevDeviceState state;
         state.eventTypesFail = true;
-        OpenedNode opened(testbed.addDevice(DeviceSpec::keyboard(), state));
+        OpenedNode opened(testbed.addDevice(DeviceDescription::keyboard(), state));
         unsigned char types[UmockdevTestbed::eventTypeBytes] = {};
         QCOMPARE(ioctl(opened.fd, EVIOCGBIT(0, sizeof types), types), -1);
     }
@@ -98,7 +100,7 @@ private Q_SLOTS:
     void writtenEventsReachTheOpenedNode()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         OpenedNode opened(node);
         QVERIFY(testbed.pressKey(node, KEY_Q));
         QVERIFY(testbed.waitForPendingInput(node));
@@ -115,7 +117,7 @@ private Q_SLOTS:
     void rawByteCountsArriveUnchanged()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         OpenedNode opened(node);
         // Bytes a terminal would translate (newline, carriage return) pass untouched.
         const QByteArray bytes("\n\r\x03\x11\x13\x7f\n\n", 8);
@@ -129,7 +131,7 @@ private Q_SLOTS:
     void recordsWrittenByTheCodeUnderTestAreReadBackInOrder()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         OpenedNode opened(node);
         const QByteArray written = UmockdevTestbed::eventRecord(EV_LED, LED_CAPSL, 1) +
                                    UmockdevTestbed::eventRecord(EV_LED, LED_NUML, 0);
@@ -149,7 +151,7 @@ private Q_SLOTS:
     void readEventsGivesUpAtTheDeadline()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         QVERIFY(testbed.injectDeviceSideEvent(node, EV_LED, LED_NUML, 1));
         QCOMPARE(testbed.readEvents(node, 2, 200).size(), 1);
     }
@@ -157,7 +159,7 @@ private Q_SLOTS:
     void removedNodesCannotBeOpened()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         testbed.removeDevice(node);
         OpenedNode opened(node);
         QCOMPARE(opened.fd, -1);
@@ -166,7 +168,7 @@ private Q_SLOTS:
     void anotherProcessSeesTheNodesThroughTheClientEnvironment()
     {
         UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceSpec::keyboard());
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
         const QProcessEnvironment environment = testbed.clientEnvironment();
         QCOMPARE(environment.value(QStringLiteral("UMOCKDEV_DIR")), testbed.rootDir());
         QVERIFY(environment.value(QStringLiteral("LD_PRELOAD"))

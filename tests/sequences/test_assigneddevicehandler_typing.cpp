@@ -115,7 +115,7 @@ private Q_SLOTS:
     void addingTheSameDeviceTwiceOnlyChangesItsStation()
     {
         createHandler("KEY_LEFTCTRL:KEY_F1:echo \"$STATION_ID\" >> " + out + "\n");
-        const QString node = testbed->addDevice(DeviceSpec::keyboard());
+        const QString node = testbed->addDevice(DeviceDescription::keyboard());
         QVERIFY(!node.isEmpty());
         QSignalSpy changed(handler.get(), &AssignedDeviceHandler::assignedDevicesChanged);
         LogCapture capture;
@@ -245,7 +245,7 @@ private:
 
     QString addKeyboard(int station)
     {
-        const QString node = testbed->addDevice(DeviceSpec::keyboard());
+        const QString node = testbed->addDevice(DeviceDescription::keyboard());
         if (node.isEmpty() || !handler->addAssignedDevice(node, station)) {
             qFatal("could not assign an emulated keyboard");
         }

@@ -165,7 +165,7 @@ private Q_SLOTS:
 
     void mouseButtonsTakePartInSequences()
     {
-        node = testbed->addDevice(DeviceSpec::mouse());
+        node = testbed->addDevice(DeviceDescription::mouse());
         QVERIFY(!node.isEmpty());
         attach("BTN_RIGHT:BTN_LEFT:cmd");
         press(BTN_RIGHT);
@@ -176,7 +176,7 @@ private Q_SLOTS:
 private:
     void openKeyboard(const QString& line, const UmockdevDeviceState& state = {})
     {
-        node = testbed->addDevice(DeviceSpec::keyboard(), state);
+        node = testbed->addDevice(DeviceDescription::keyboard(), state);
         QVERIFY(!node.isEmpty());
         attach(line);
     }

@@ -44,9 +44,9 @@ char* toString(const UinputLedEvent& event)
                        .constData());
 }
 
-UinputDevice::UinputDevice(const DeviceSpec& spec)
+UinputDevice::UinputDevice(const DeviceDescription& description)
 {
-    if (!create(spec) || !findEventNode()) {
+    if (!create(description) || !findEventNode()) {
         destroy();
     }
 }
@@ -66,7 +66,7 @@ bool UinputDevice::isAvailable()
     return true;
 }
 
-bool UinputDevice::create(const DeviceSpec& spec)
+bool UinputDevice::create(const DeviceDescription& description)
 {
     fd = ::open(uinputPath, O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fd == -1) {
@@ -83,10 +83,10 @@ bool UinputDevice::create(const DeviceSpec& spec)
         }
         return true;
     };
-    if (!enable(UI_SET_EVBIT, spec.eventTypes, "UI_SET_EVBIT") ||
-        !enable(UI_SET_KEYBIT, spec.keys, "UI_SET_KEYBIT") ||
-        !enable(UI_SET_RELBIT, spec.relativeAxes, "UI_SET_RELBIT") ||
-        !enable(UI_SET_LEDBIT, spec.leds, "UI_SET_LEDBIT")) {
+    if (!enable(UI_SET_EVBIT, description.eventTypes, "UI_SET_EVBIT") ||
+        !enable(UI_SET_KEYBIT, description.keys, "UI_SET_KEYBIT") ||
+        !enable(UI_SET_RELBIT, description.relativeAxes, "UI_SET_RELBIT") ||
+        !enable(UI_SET_LEDBIT, description.leds, "UI_SET_LEDBIT")) {
         return false;
     }
 
@@ -95,7 +95,7 @@ bool UinputDevice::create(const DeviceSpec& spec)
     setup.id.vendor = 0x4f56; // "OV"
     setup.id.product = 0x0001;
     setup.id.version = 1;
-    const QByteArray name = spec.name.toUtf8().left(UINPUT_MAX_NAME_SIZE - 1);
+    const QByteArray name = description.name.toUtf8().left(UINPUT_MAX_NAME_SIZE - 1);
     std::memcpy(setup.name, name.constData(), name.size());
     if (::ioctl(fd, UI_DEV_SETUP, &setup) == -1) {
         error = systemError("UI_DEV_SETUP");
@@ -110,7 +110,7 @@ bool UinputDevice::create(const DeviceSpec& spec)
     // push the test's own events out of a reader's next read. A repeat period
     // of 0 stops it; tests that want repeats send them (value 2) themselves.
     // The SYN_REPORT flushes it now instead of in front of the first key.
-    if (spec.eventTypes.contains(EV_REP) && !(send(EV_REP, REP_PERIOD, 0) && sync())) {
+    if (description.eventTypes.contains(EV_REP) && !(send(EV_REP, REP_PERIOD, 0) && sync())) {
         error = systemError("switching off key repeat");
         return false;
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "DeviceSpec.h"
+#include "DeviceDescription.h"
 
 #include <QString>
 #include <QVector>
@@ -20,7 +20,7 @@ struct UinputLedEvent
 // Readable form of an LED event in QtTest failure messages.
 char* toString(const UinputLedEvent& event);
 
-// A kernel input device made from a DeviceSpec through /dev/uinput. It gets a
+// A kernel input device made from a DeviceDescription through /dev/uinput. It gets a
 // real /dev/input/eventN node (devtmpfs must be mounted), reports the events
 // the test types, receives the LED events that evdev clients write, and goes
 // away on unplug() or destruction. The kernel's key repeat is off, so every
@@ -28,7 +28,7 @@ char* toString(const UinputLedEvent& event);
 class UinputDevice
 {
 public:
-    explicit UinputDevice(const DeviceSpec& spec);
+    explicit UinputDevice(const DeviceDescription& description);
     ~UinputDevice();
 
     UinputDevice(const UinputDevice&) = delete;
@@ -66,7 +66,7 @@ public:
     bool unplug();
 
 private:
-    bool create(const DeviceSpec& spec);
+    bool create(const DeviceDescription& description);
     bool findEventNode();
     void destroy();
 

@@ -146,26 +146,27 @@ QProcessEnvironment UmockdevTestbed::clientEnvironment() const
     return environment;
 }
 
-QString UmockdevTestbed::addDevice(const DeviceSpec& spec, const UmockdevDeviceState& state)
+QString UmockdevTestbed::addDevice(const DeviceDescription& description,
+                                   const UmockdevDeviceState& state)
 {
     const int number = nextEventNumber++;
     const QString node = QStringLiteral("/dev/input/event%1").arg(number);
     const QString sysPath = QStringLiteral("/devices/virtual/input/input%1/event%1").arg(number);
 
     // An "N:" line without contents makes the node a pseudo terminal whose other end we hold.
-    const QString description = QStringLiteral("P: %1\n"
-                                               "N: input/event%2\n"
-                                               "E: DEVNAME=%3\n"
-                                               "E: SUBSYSTEM=input\n"
-                                               "E: ID_INPUT=1\n"
-                                               "A: dev=%4:%5\n")
-                                    .arg(sysPath)
-                                    .arg(number)
-                                    .arg(node)
-                                    .arg(evdevMajor)
-                                    .arg(evdevMinorBase + number);
+    const QString deviceRecord = QStringLiteral("P: %1\n"
+                                                "N: input/event%2\n"
+                                                "E: DEVNAME=%3\n"
+                                                "E: SUBSYSTEM=input\n"
+                                                "E: ID_INPUT=1\n"
+                                                "A: dev=%4:%5\n")
+                                     .arg(sysPath)
+                                     .arg(number)
+                                     .arg(node)
+                                     .arg(evdevMajor)
+                                     .arg(evdevMinorBase + number);
     GError* error = nullptr;
-    if (!umockdev_testbed_add_from_string(testbed.get(), description.toUtf8().constData(),
+    if (!umockdev_testbed_add_from_string(testbed.get(), deviceRecord.toUtf8().constData(),
                                           &error)) {
         qWarning() << "UmockdevTestbed: cannot add" << node << takeError(error);
         return QString();
@@ -176,7 +177,7 @@ QString UmockdevTestbed::addDevice(const DeviceSpec& spec, const UmockdevDeviceS
         qWarning() << "UmockdevTestbed: cannot write the ioctl record for" << node;
         return QString();
     }
-    recordFile.write(ioctlRecord(node, spec, state).toUtf8());
+    recordFile.write(ioctlRecord(node, description, state).toUtf8());
     recordFile.close();
     if (!umockdev_testbed_load_ioctl(testbed.get(), node.toUtf8().constData(),
                                      QFile::encodeName(recordFile.fileName()).constData(),
@@ -342,7 +343,7 @@ bool UmockdevTestbed::writeAll(int fd, const QByteArray& bytes)
     return true;
 }
 
-QString UmockdevTestbed::ioctlRecord(const QString& node, const DeviceSpec& spec,
+QString UmockdevTestbed::ioctlRecord(const QString& node, const DeviceDescription& description,
                                      const UmockdevDeviceState& state) const
 {
     // Text form of umockdev's ioctl records: "NAME(id) result hex-data", the data exactly as
@@ -350,7 +351,7 @@ QString UmockdevTestbed::ioctlRecord(const QString& node, const DeviceSpec& spec
     QStringList lines;
     lines << QStringLiteral("@DEV %1").arg(node);
 
-    const QByteArray name = spec.name.toUtf8().left(nameLength - 1);
+    const QByteArray name = description.name.toUtf8().left(nameLength - 1);
     QByteArray nameBuffer = name;
     nameBuffer.append(nameLength - name.size(), '\0');
     lines << QStringLiteral("EVIOCGNAME(0) %1 %2")
@@ -365,16 +366,16 @@ QString UmockdevTestbed::ioctlRecord(const QString& node, const DeviceSpec& spec
             .arg(QString::fromLatin1(bitsAsHex(bytes, codes)));
     };
     if (!state.eventTypesFail) {
-        lines << bitsLine("EVIOCGBIT", 0, eventTypeBytes, spec.eventTypes);
+        lines << bitsLine("EVIOCGBIT", 0, eventTypeBytes, description.eventTypes);
     }
-    if (spec.eventTypes.contains(EV_KEY)) {
-        lines << bitsLine("EVIOCGBIT", EV_KEY, keyBytes, spec.keys);
+    if (description.eventTypes.contains(EV_KEY)) {
+        lines << bitsLine("EVIOCGBIT", EV_KEY, keyBytes, description.keys);
     }
-    if (spec.eventTypes.contains(EV_REL)) {
-        lines << bitsLine("EVIOCGBIT", EV_REL, relativeAxisBytes, spec.relativeAxes);
+    if (description.eventTypes.contains(EV_REL)) {
+        lines << bitsLine("EVIOCGBIT", EV_REL, relativeAxisBytes, description.relativeAxes);
     }
-    if (spec.eventTypes.contains(EV_LED)) {
-        lines << bitsLine("EVIOCGBIT", EV_LED, ledBytes, spec.leds);
+    if (description.eventTypes.contains(EV_LED)) {
+        lines << bitsLine("EVIOCGBIT", EV_LED, ledBytes, description.leds);
     }
     lines << bitsLine("EVIOCGKEY", 0, keyBytes, state.keysDown);
     if (!state.ledStateFails) {

@@ -10,7 +10,7 @@
 //     UmockdevDeviceState state;
 //     state.keysDown = {KEY_A};               // EVIOCGKEY answer
 //     state.ledsOn = {LED_NUML};              // EVIOCGLED answer
-//     const QString node = testbed.addDevice(DeviceSpec::keyboard(), state);
+//     const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
 //     EventDevice device(node);               // "/dev/input/event0"
 //     testbed.pressKey(node, KEY_B);          // EV_KEY + EV_SYN, as one write
 //     testbed.waitForPendingInput(node);      // delivered: the next readDevice() sees it
@@ -34,7 +34,7 @@
 // moment later, not during write(). Wait with waitForPendingInput() (towards the code under test)
 // or readEvents() (from the code under test) instead of sleeping.
 
-#include "DeviceSpec.h"
+#include "DeviceDescription.h"
 
 #include <QByteArray>
 #include <QHash>
@@ -88,7 +88,7 @@ public:
     QProcessEnvironment clientEnvironment() const;
 
     // Creates /dev/input/eventN for the device and returns that path (empty on failure).
-    QString addDevice(const DeviceSpec& spec, const UmockdevDeviceState& state = {});
+    QString addDevice(const DeviceDescription& description, const UmockdevDeviceState& state = {});
     // Removes the node; opening its path fails afterwards.
     void removeDevice(const QString& node);
 
@@ -125,7 +125,7 @@ private:
 
     Node* findNode(const QString& node);
     bool writeAll(int fd, const QByteArray& bytes);
-    QString ioctlRecord(const QString& node, const DeviceSpec& spec,
+    QString ioctlRecord(const QString& node, const DeviceDescription& description,
                         const UmockdevDeviceState& state) const;
 
     std::unique_ptr<UMockdevTestbed, void (*)(void*)> testbed;

@@ -38,7 +38,7 @@ private Q_SLOTS:
     void ctrlAltF1OnAKeyboardOfStation3RunsTheCommandOnce()
     {
         createHandler("KEY_LEFTCTRL,KEY_LEFTALT:KEY_F1:echo \"$STATION_ID\" >> " + out + "\n");
-        UinputDevice keyboard(DeviceSpec::keyboard());
+        UinputDevice keyboard(DeviceDescription::keyboard());
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         QVERIFY(handler->addAssignedDevice(keyboard.devicePath(), 3));
 
@@ -69,7 +69,7 @@ private Q_SLOTS:
         // The same steps as the unplug below, released instead of unplugged:
         // proves the trigger was pending there.
         createHandler("KEY_LEFTCTRL:KEY_F1:touch " + out + "\n");
-        UinputDevice keyboard(DeviceSpec::keyboard());
+        UinputDevice keyboard(DeviceDescription::keyboard());
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         QVERIFY(handler->addAssignedDevice(keyboard.devicePath(), 3));
         QVERIFY(keyboard.press(KEY_LEFTCTRL));
@@ -86,7 +86,7 @@ private Q_SLOTS:
     void unplugWithAPendingTriggerDropsItWithoutRunningTheCommand()
     {
         createHandler("KEY_LEFTCTRL:KEY_F1:touch " + out + "\n");
-        UinputDevice keyboard(DeviceSpec::keyboard());
+        UinputDevice keyboard(DeviceDescription::keyboard());
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         const QString path = keyboard.devicePath();
         QVERIFY(handler->addAssignedDevice(path, 3));

@@ -18,17 +18,17 @@ class EventDeviceTest : public QObject
 private Q_SLOTS:
     void keyHeldWhenOpenedCountsAsDownButNotAsJustPressed_data()
     {
-        QTest::addColumn<DeviceSpec>("spec");
+        QTest::addColumn<DeviceDescription>("description");
         QTest::addColumn<int>("key");
-        QTest::newRow("A held on a keyboard") << DeviceSpec::keyboard() << KEY_A;
-        QTest::newRow("left button held on a mouse") << DeviceSpec::mouse() << BTN_LEFT;
+        QTest::newRow("A held on a keyboard") << DeviceDescription::keyboard() << KEY_A;
+        QTest::newRow("left button held on a mouse") << DeviceDescription::mouse() << BTN_LEFT;
     }
 
     void keyHeldWhenOpenedCountsAsDownButNotAsJustPressed()
     {
-        QFETCH(DeviceSpec, spec);
+        QFETCH(DeviceDescription, description);
         QFETCH(int, key);
-        UinputDevice uinput(spec);
+        UinputDevice uinput(description);
         QVERIFY2(uinput.isValid(), qPrintable(uinput.errorString()));
         QVERIFY(uinput.press(key));
 
@@ -56,7 +56,7 @@ private Q_SLOTS:
 
     void heldKeyRepeatsAreIgnored()
     {
-        UinputDevice keyboard(DeviceSpec::keyboard());
+        UinputDevice keyboard(DeviceDescription::keyboard());
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         EventDevice device(keyboard.devicePath());
         QVERIFY(device.getFd() != -1);
@@ -76,7 +76,7 @@ private Q_SLOTS:
 
     void unplugClosesTheDeviceAndItsDestructorStaysSilent()
     {
-        UinputDevice uinput(DeviceSpec::keyboard());
+        UinputDevice uinput(DeviceDescription::keyboard());
         QVERIFY2(uinput.isValid(), qPrintable(uinput.errorString()));
         const QString path = uinput.devicePath();
         auto* device = new EventDevice(path);
@@ -113,7 +113,7 @@ private Q_SLOTS:
     void destroyingAnOpenDeviceLogsTheClose()
     {
         // The counterpart of the silent destructor above.
-        UinputDevice uinput(DeviceSpec::keyboard());
+        UinputDevice uinput(DeviceDescription::keyboard());
         QVERIFY2(uinput.isValid(), qPrintable(uinput.errorString()));
         auto* device = new EventDevice(uinput.devicePath());
         QVERIFY(device->getFd() != -1);

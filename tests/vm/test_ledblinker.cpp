@@ -55,7 +55,7 @@ private Q_SLOTS:
             {{LED_NUML, 0}, {LED_CAPSL, 1}},
         };
 
-        UinputDevice keyboard(DeviceSpec::keyboard());
+        UinputDevice keyboard(DeviceDescription::keyboard());
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         QVERIFY(keyboard.writeToNode(EV_LED, LED_NUML, 1));
         QCOMPARE(keyboard.takeLedEvents(), (LedEvents{{LED_NUML, 1}}));
@@ -84,9 +84,9 @@ private Q_SLOTS:
     void ledCodesUpTo14AreWrittenAndAbove14Rejected()
     {
         // Declaring LEDs 14 and 15 lets the device show any write of them.
-        DeviceSpec spec = DeviceSpec::keyboard();
-        spec.leds << 14 << 15;
-        UinputDevice keyboard(spec);
+        DeviceDescription description = DeviceDescription::keyboard();
+        description.leds << 14 << 15;
+        UinputDevice keyboard(description);
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         EventDevice device(keyboard.devicePath());
         QVERIFY(device.getFd() != -1);
@@ -104,7 +104,7 @@ private Q_SLOTS:
 
     void unplugWhileBlinkingClosesTheDeviceInSetLedOn()
     {
-        UinputDevice keyboard(DeviceSpec::keyboard());
+        UinputDevice keyboard(DeviceDescription::keyboard());
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         const QString path = keyboard.devicePath();
         auto device = std::make_unique<EventDevice>(path);

@@ -47,7 +47,7 @@ class UinputDeviceTest : public QObject
 private Q_SLOTS:
     void keyboardGetsAnEventNodeWithItsNameKeysAndLeds()
     {
-        UinputDevice keyboard(DeviceSpec::keyboard("Fixture Keyboard"));
+        UinputDevice keyboard(DeviceDescription::keyboard("Fixture Keyboard"));
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         QVERIFY(keyboard.devicePath().startsWith("/dev/input/event"));
 
@@ -73,7 +73,7 @@ private Q_SLOTS:
 
     void keyboardDoesNotRepeatHeldKeys()
     {
-        UinputDevice keyboard(DeviceSpec::keyboard());
+        UinputDevice keyboard(DeviceDescription::keyboard());
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         NodeReader reader(keyboard.devicePath());
         int repeat[2] = {-1, -1};
@@ -83,7 +83,7 @@ private Q_SLOTS:
 
     void mouseWithoutKeysOrLedsOfAKeyboard()
     {
-        UinputDevice mouse(DeviceSpec::mouse());
+        UinputDevice mouse(DeviceDescription::mouse());
         QVERIFY2(mouse.isValid(), qPrintable(mouse.errorString()));
 
         NodeReader reader(mouse.devicePath());
@@ -95,7 +95,7 @@ private Q_SLOTS:
 
     void typedKeysReachAReaderAndTheKeyState()
     {
-        UinputDevice keyboard(DeviceSpec::keyboard());
+        UinputDevice keyboard(DeviceDescription::keyboard());
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         NodeReader reader(keyboard.devicePath());
         QVERIFY(reader.fd != -1);
@@ -119,7 +119,7 @@ private Q_SLOTS:
 
     void ledWritesComeBackOnlyWhenDeclaredAndChanged()
     {
-        UinputDevice keyboard(DeviceSpec::keyboard());
+        UinputDevice keyboard(DeviceDescription::keyboard());
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         QVERIFY(keyboard.takeLedEvents().isEmpty());
 
@@ -136,7 +136,7 @@ private Q_SLOTS:
 
     void unplugRemovesTheNodeAndOpenReadersGetEnodev()
     {
-        UinputDevice keyboard(DeviceSpec::keyboard());
+        UinputDevice keyboard(DeviceDescription::keyboard());
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         NodeReader reader(keyboard.devicePath());
         QVERIFY(reader.fd != -1);

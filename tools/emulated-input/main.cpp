@@ -2,7 +2,7 @@
 // and types key presses into them on command, so that a daemon started with
 // umockdev's preload library sees real-looking input devices.
 
-#include "DeviceSpec.h"
+#include "DeviceDescription.h"
 #include "UmockdevTestbed.h"
 #include "input/InputKeyCode.h"
 
@@ -120,8 +120,8 @@ int main(int argc, char* argv[])
             QStringLiteral("Emulated %1 %2")
                 .arg(isKeyboard ? QStringLiteral("Keyboard") : QStringLiteral("Mouse"))
                 .arg(index);
-        const QString node =
-            testbed.addDevice(isKeyboard ? DeviceSpec::keyboard(name) : DeviceSpec::mouse(name));
+        const QString node = testbed.addDevice(isKeyboard ? DeviceDescription::keyboard(name)
+                                                          : DeviceDescription::mouse(name));
         if (node.isEmpty()) {
             fprintf(stderr, "emulated-input: cannot create %s\n", qPrintable(name));
             InputKeyCode::cleanupTable();

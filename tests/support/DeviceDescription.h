@@ -5,7 +5,7 @@
 
 // One emulated input device, declared as data. The umockdev fixture turns it
 // into an evdev node under a testbed, the uinput fixture into a kernel device.
-struct DeviceSpec
+struct DeviceDescription
 {
     QString name;
     QVector<int> eventTypes;   // EV_* types the device reports
@@ -14,9 +14,9 @@ struct DeviceSpec
     QVector<int> leds;         // LED_* codes
 
     // A full keyboard with Num, Caps and Scroll Lock LEDs.
-    static DeviceSpec keyboard(const QString& name = QStringLiteral("Emulated Keyboard"));
+    static DeviceDescription keyboard(const QString& name = QStringLiteral("Emulated Keyboard"));
     // A three-button wheel mouse with the side and extra buttons.
-    static DeviceSpec mouse(const QString& name = QStringLiteral("Emulated Mouse"));
+    static DeviceDescription mouse(const QString& name = QStringLiteral("Emulated Mouse"));
     // Relative axes only, no EV_KEY at all (an unusable device for the daemon).
-    static DeviceSpec relativeOnly(const QString& name = QStringLiteral("Emulated Axes"));
+    static DeviceDescription relativeOnly(const QString& name = QStringLiteral("Emulated Axes"));
 };
