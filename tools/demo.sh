@@ -117,7 +117,8 @@ run_demo() {
         com.orvanta.selvane.DBusInterface.deviceAddedToStation \
         string:"$keyboard" int32:3 >/dev/null
     wait_for_line "$log" "Adding assigned device $keyboard\$"
-    grep -F "Adding assigned device $keyboard" "$log" | sed 's/^/    /'
+    wait_for_line "$log" "Name of device at $keyboard is "
+    grep -E "(Adding assigned device|Opened|Name of device at) $keyboard" "$log" | sed 's/^/    /'
 
     step "Typing Ctrl+Alt+Backspace on the keyboard"
     local command
@@ -129,6 +130,8 @@ run_demo() {
         echo "    $command"
     done
     wait_for_line "$output" '^station 3: Ctrl\+Alt\+Backspace$'
+    echo "the daemon ran the command once every key was up:"
+    grep -F 'Executing command: ' "$log" | sed 's/^/    /'
     echo "the command's output:"
     sed 's/^/    /' "$output"
 
