@@ -65,8 +65,9 @@ void Logger::enableFileChannel(Level level, QString fileName, bool append)
         return;
     }
     if (instance->fileThreshold != LEVEL_DISABLED) {
-        // Already on: only the threshold changes, the open file stays.
-        if (level == LEVEL_DISABLED) {
+        // Already on: only the threshold changes, the open file stays. A
+        // channel without a name or whose file did not open has no file to close.
+        if (level == LEVEL_DISABLED && instance->logFile.isOpen()) {
             instance->logFile.flush();
             instance->logFile.close();
         }

@@ -326,6 +326,22 @@ private Q_SLOTS:
         QCOMPARE(capture.messages(), QStringList{"no file"});
     }
 
+    void disablingAChannelThatNeverOpenedAFileIsQuiet()
+    {
+        // Without a file there is nothing to flush or close, and Qt must not
+        // be asked to (it would complain about a file that is not open).
+        // As in the daemon, Qt's complaints would reach the log.
+        LogCapture capture;
+        const QtMessageHandler testHandler = qInstallMessageHandler(nullptr);
+        Logger::forwardQtMessages();
+        Logger::enableFileChannel(Logger::LEVEL_DEBUG, QString(), true);
+        Logger::enableFileChannel(Logger::LEVEL_DISABLED, QString(), true);
+        Logger::enableFileChannel(Logger::LEVEL_DEBUG, file("missing-dir/selvane.log"), true);
+        Logger::enableFileChannel(Logger::LEVEL_DISABLED, QString(), true);
+        qInstallMessageHandler(testHandler);
+        QCOMPARE(capture.messages().join('\n'), QString());
+    }
+
     void unopenableFileIsSilentlyIgnored()
     {
         // Not even Qt may complain about the lost lines.
