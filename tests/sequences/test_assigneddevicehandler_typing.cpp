@@ -125,6 +125,9 @@ private Q_SLOTS:
         QVERIFY(device);
         QVERIFY(handler->addAssignedDevice(node, 2));
         QCOMPARE(handler->getEventDevice(node), device);
+        // File names are compared as whole strings.
+        QCOMPARE(handler->getEventDevice(node + "0"), nullptr);
+        QCOMPARE(handler->getEventDevice(node.chopped(1)), nullptr);
         QCOMPARE(changed.count(), 1);
         QCOMPARE(capture.count("Adding assigned device " + node), 1);
         QCOMPARE(device->getDeviceVariables().value("station_id"), QString("2"));

@@ -48,6 +48,17 @@ private Q_SLOTS:
         QCOMPARE(entry->function, QString("executeCommand"));
     }
 
+    void commandRunsUnderBashWithDashC()
+    {
+        // "bash -c command": the shell names itself "bash" as $0 and is bash,
+        // whatever /bin/sh happens to be.
+        const QString out = dir->filePath("out");
+        SystemCommandAction action("printf '%s|%s' \"$0\" \"${BASH_VERSION:+is-bash}\" > " + out,
+                                   nullptr);
+        action.executeCommand(device);
+        QCOMPARE(readFile(out), QByteArray("bash|is-bash"));
+    }
+
     void mixedCaseVariableNameBecomesUpperCase()
     {
         device->setDeviceVariable("Station_Id", "7");

@@ -9,6 +9,7 @@
 #include "sequences/AssignedDeviceHandler.h"
 
 #include <QFile>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 
 #include <linux/input-event-codes.h>
@@ -99,11 +100,14 @@ private Q_SLOTS:
         // answers ENODEV first: the release that would run the command is
         // never seen.
         LogCapture capture;
+        QSignalSpy changed(handler.get(), &AssignedDeviceHandler::assignedDevicesChanged);
         QVERIFY2(keyboard.unplug(), qPrintable(keyboard.errorString()));
         handler->update();
         QVERIFY2(capture.contains("Device " + path + " has been removed.  Closing device."),
                  qPrintable(capture.messages().join('\n')));
         QVERIFY(!handler->getEventDevice(path));
+        // A device lost this way is dropped without a signal.
+        QCOMPARE(changed.count(), 0);
         capture.clear();
         handler->logStatus();
         QCOMPARE(capture.messages(), QStringList{"There are 0 assigned device(s) being managed:"});

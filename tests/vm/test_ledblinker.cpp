@@ -9,6 +9,9 @@
 #include <linux/input.h>
 #include <sys/ioctl.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include <memory>
 
 using LedEvents = QVector<UinputLedEvent>;
@@ -135,6 +138,38 @@ private Q_SLOTS:
         blinker.reset();
         device.reset();
         QVERIFY2(capture.entries().isEmpty(), qPrintable(capture.messages().join('\n')));
+    }
+
+    void ledQueryAndRestoreAfterAnUnplugAreReportedAndKeepTheDevice()
+    {
+        UinputDevice keyboard(DeviceDescription::keyboard());
+        QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
+        const QString path = keyboard.devicePath();
+        EventDevice device(path);
+        QVERIFY(device.getFd() != -1);
+        QVERIFY2(keyboard.unplug(), qPrintable(keyboard.errorString()));
+        const QString reason = QString::fromLocal8Bit(std::strerror(ENODEV));
+
+        LogCapture capture;
+        device.storeLedState();
+        QCOMPARE(capture.messages(),
+                 QStringList{"ioctl() error on device " + path + " : " + reason});
+        QCOMPARE(capture.entries().first().level, Orvanta::Logger::LEVEL_WARNING);
+        QCOMPARE(capture.entries().first().file, QString("EventDevice"));
+        QCOMPARE(capture.entries().first().function, QString("storeLedState"));
+
+        // Each of the fifteen writes fails on its own and the loop goes on;
+        // unlike setLedOn(), the restore leaves the descriptor open.
+        capture.clear();
+        device.restoreLedState();
+        QCOMPARE(capture.entries().size(), 15);
+        for (const LogCapture::Entry& entry : capture.entries()) {
+            QCOMPARE(entry.message, "write() error on device " + path + " : " + reason);
+            QCOMPARE(entry.level, Orvanta::Logger::LEVEL_WARNING);
+            QCOMPARE(entry.file, QString("EventDevice"));
+            QCOMPARE(entry.function, QString("restoreLedState"));
+        }
+        QVERIFY(device.getFd() != -1);
     }
 
 private:
