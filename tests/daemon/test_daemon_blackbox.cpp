@@ -212,6 +212,34 @@ private Q_SLOTS:
         QVERIFY(recorder.hasPendingSigterm());
     }
 
+    void pidComesBeforeRestart()
+    {
+        SigtermRecorder recorder;
+        QVERIFY(recorder.pid > 0);
+        writePidFile(QByteArray::number(recorder.pid));
+        const DaemonRunner::Result result = runner->run({"--restart", "--pid", "-c", configFile});
+        QCOMPARE(result.status, 0);
+        QCOMPARE(result.standardOutput, QByteArray::number(recorder.pid) + "\n");
+        QVERIFY(!recorder.hasPendingSigterm());
+        QVERIFY(runner->adoptedDaemons().isEmpty());
+    }
+
+    void stopComesBeforeRestartAndStartsNothing()
+    {
+        SigtermRecorder recorder;
+        QVERIFY(recorder.pid > 0);
+        writePidFile(QByteArray::number(recorder.pid));
+        const DaemonRunner::Result result = runner->run({"--restart", "--stop", "-c", configFile});
+        QCOMPARE(result.status, 0);
+        QCOMPARE(result.standardOutput, QByteArray());
+        QCOMPARE(result.standardError, QByteArray());
+        QVERIFY(recorder.hasPendingSigterm());
+        // The foreground returned without forking a daemon.
+        QVERIFY(runner->adoptedDaemons().isEmpty());
+        QCOMPARE(readFile(runner->pidFile()), QByteArray::number(recorder.pid));
+        QVERIFY(!QFile::exists(runner->defaultLogFile()));
+    }
+
     void stopWithNothingRunningIsSilent()
     {
         const DaemonRunner::Result result = runner->run({"--stop"});
@@ -319,6 +347,17 @@ private Q_SLOTS:
         QCOMPARE(runner->adoptedDaemons(), QList<pid_t>{daemon});
         QVERIFY(isAlive(daemon));
         QCOMPARE(readFile(runner->pidFile()), QByteArray::number(daemon));
+    }
+
+    void runningCheckComesBeforeTheMissingConfigCheck()
+    {
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        const DaemonRunner::Result result = runner->run({"--start"});
+        QCOMPARE(result.status, 1);
+        QCOMPARE(result.standardOutput, alreadyRunning);
+        QCOMPARE(result.standardError, QByteArray());
+        QCOMPARE(runner->adoptedDaemons(), QList<pid_t>{daemon});
     }
 
     void restartWhileRunningEndsAsAlreadyRunningOrRestarts()
