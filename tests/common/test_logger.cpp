@@ -216,6 +216,17 @@ private Q_SLOTS:
         QVERIFY(readAll(logFile).endsWith("] [Debug] [Test:fn:1] minus\n"));
     }
 
+    void levelZeroPassesEveryChannelEvenAnOffOne()
+    {
+        const QString logFile = file("zero.log");
+        Logger::enableFileChannel(Logger::LEVEL_ERROR, logFile, false);
+        StderrCapture stderrCapture;
+        Logger::write(Logger::LEVEL_DISABLED, "Test", "fn", 1, QStringLiteral("zero"));
+        // 0 <= 0: the standard-output channel, which is off, takes it too.
+        QVERIFY(stderrCapture.text().endsWith("] [Disabled] [Test:fn:1] zero\n"));
+        QVERIFY(readAll(logFile).endsWith("] [Disabled] [Test:fn:1] zero\n"));
+    }
+
     void fileThresholdFiltersByLevel()
     {
         const QString logFile = file("threshold.log");
