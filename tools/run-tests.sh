@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds selvane and runs every test tier: the plain build, then the same
+# Checks the formatting, builds selvane and runs every test tier: the plain build, then the same
 # suite under AddressSanitizer and UndefinedBehaviorSanitizer, then the
 # configuration-line fuzzer for a bounded time. Installs the Debian packages it
 # needs when they are missing. Usage: tools/run-tests.sh [--quick]
@@ -12,7 +12,7 @@ quick=0
 [ "${1:-}" = "--quick" ] && quick=1
 
 packages=(
-    build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
+    build-essential cmake ninja-build pkg-config clang clang-format libclang-rt-14-dev git
     qt6-base-dev qt6-base-dev-tools qt6-5compat-dev
     libxcb1-dev libxcb-image0-dev libxcb-randr0-dev
     dbus dbus-daemon umockdev libumockdev-dev
@@ -54,7 +54,13 @@ build_and_test() {
     return $status
 }
 
+check_formatting() {
+    echo "== Checking the formatting (clang-format)"
+    git -C "$root" ls-files -z '*.cpp' '*.h' | (cd "$root" && xargs -0 clang-format --dry-run -Werror)
+}
+
 install_missing_packages
+check_formatting
 build_and_test build
 if [ $quick -eq 0 ]; then
     build_and_test build-sanitize -DSELVANE_SANITIZE=ON
