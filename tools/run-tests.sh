@@ -51,8 +51,19 @@ build_and_test() {
         echo "== $dir: some tests were skipped: every tier must run" >&2
         status=1
     fi
+    # "100% tests passed, 0 tests failed out of 22"
+    local summary
+    summary=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
+    local failed=${summary#*passed, }
+    failed=${failed%% *}
+    local total=${summary##* }
+    total_failed=$((total_failed + ${failed:-0}))
+    total_passed=$((total_passed + ${total:-0} - ${failed:-0}))
     return $status
 }
+
+total_passed=0
+total_failed=0
 
 check_formatting() {
     echo "== Checking the formatting (clang-format)"
@@ -64,8 +75,7 @@ check_formatting
 build_and_test build
 if [ $quick -eq 0 ]; then
     build_and_test build-sanitize -DSELVANE_SANITIZE=ON
-    if [ -x "$root/fuzz/run-fuzzer.sh" ]; then
-        "$root/fuzz/run-fuzzer.sh" "$root/build-fuzz" 60
-    fi
+    "$root/fuzz/run-fuzzer.sh" "$root/build-fuzz" 60
 fi
 echo "== All tests passed"
+echo "ctest: $total_passed passed, $total_failed failed"
