@@ -22,7 +22,17 @@ Logger::Logger() = default;
 
 Logger::~Logger()
 {
+    closeLogFile();
     delete dbusProxy;
+}
+
+// A channel without a name, or whose file did not open, has no file to close.
+void Logger::closeLogFile()
+{
+    if (logFile.isOpen()) {
+        logFile.flush();
+        logFile.close();
+    }
 }
 
 void Logger::initialize()
@@ -39,15 +49,6 @@ Logger* Logger::getInstance()
 
 void Logger::shutDown()
 {
-    if (!instance) {
-        return;
-    }
-    if (instance->logFile.isOpen()) {
-        instance->logFile.flush();
-        instance->logFile.close();
-    }
-    delete instance->dbusProxy;
-    instance->dbusProxy = nullptr;
     delete instance;
     instance = nullptr;
 }
@@ -65,11 +66,9 @@ void Logger::enableFileChannel(Level level, QString fileName, bool append)
         return;
     }
     if (instance->fileThreshold != LEVEL_DISABLED) {
-        // Already on: only the threshold changes, the open file stays. A
-        // channel without a name or whose file did not open has no file to close.
-        if (level == LEVEL_DISABLED && instance->logFile.isOpen()) {
-            instance->logFile.flush();
-            instance->logFile.close();
+        // Already on: only the threshold changes, the open file stays.
+        if (level == LEVEL_DISABLED) {
+            instance->closeLogFile();
         }
         instance->fileThreshold = level;
         return;

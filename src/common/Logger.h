@@ -62,6 +62,7 @@ private:
                                  const QString& text);
     static QString formatForLevel(QString time, Level level, QString file, QString function,
                                   int line, QString message);
+    void closeLogFile();
     void writeToStandardOut(Level level, QString line);
     void writeToFile(Level level, QString line);
     void connectToDBus();
