@@ -67,18 +67,18 @@ CommandLine::Result CommandLine::parse(int argc, char* argv[])
 
 const char* CommandLine::usageText()
 {
-    return "orvanta-selvane: Scans keyboard inputs for specific key combinations and then acts "
-           "upon "
-           "them\n"
-           "  -l --logfile   name of the log file.  This is optional.  If not specified, the "
-           "default "
-           "log file is used\n"
-           "  -c --config    name of the configuration file.\n"
-           "  --start        start the selvane daemon.\n"
-           "  --restart      start the selvane daemon.\n"
-           "  --stop         stop the selvane daemon.\n"
-           "  --pid          return the pid of the selvane daemon.\n"
-           "  -h --help      prints this help message\n";
+    // One literal per printed line, so the text reads as it is printed.
+    // clang-format off
+    return
+        "orvanta-selvane: Scans keyboard inputs for specific key combinations and then acts upon them\n"
+        "  -l --logfile   name of the log file.  This is optional.  If not specified, the default log file is used\n"
+        "  -c --config    name of the configuration file.\n"
+        "  --start        start the selvane daemon.\n"
+        "  --restart      start the selvane daemon.\n"
+        "  --stop         stop the selvane daemon.\n"
+        "  --pid          return the pid of the selvane daemon.\n"
+        "  -h --help      prints this help message\n";
+    // clang-format on
 }
 
 } // namespace Orvanta
