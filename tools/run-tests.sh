@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks the formatting, builds selvane and runs every test tier: the plain build, then the same
 # suite under AddressSanitizer and UndefinedBehaviorSanitizer, then the
-# configuration-line fuzzer for a bounded time. Installs the Debian packages it
+# parser fuzzers for a bounded time. Installs the Debian packages it
 # needs when they are missing. Usage: tools/run-tests.sh [--quick]
 #   --quick   plain build and test only (no sanitizer build, no fuzzing)
 set -euo pipefail
@@ -18,6 +18,7 @@ packages=(
     dbus dbus-daemon umockdev libumockdev-dev
     qemu-system-x86 linux-image-amd64 busybox-static cpio xz-utils kmod
     util-linux procps
+    fonts-dejavu-core
 )
 
 install_missing_packages() {

@@ -2,13 +2,17 @@
 
 #include "daemon/DBusInterface.h"
 
+#include <QHash>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 #include <QTimer>
 
 class AssignedDeviceHandler;
+class TranslationLanguage;
 
-// The daemon's central object. It owns the handlers and drives all of them
+// The daemon's central object. It owns the handlers and the overlay's
+// languages, read from the translation file at start, and drives the handlers
 // from one repeating 100 ms timer: the program has no other periodic work and
 // no other thread.
 class Selvane : public QObject
@@ -24,6 +28,10 @@ public:
     void logStatus();
 
     AssignedDeviceHandler* getAssignedDeviceHandler() { return assignedDeviceHandler; }
+    // The language with this id, or null; an unknown id adds no entry.
+    TranslationLanguage* getLanguage(QString id) const;
+    // The ids of the languages read from the translation file, sorted.
+    QStringList getLanguageIds() const;
 
 public Q_SLOTS:
     // One round of periodic work.
@@ -32,5 +40,6 @@ public Q_SLOTS:
 private:
     QTimer timer;
     DBusInterface dbusInterface;
+    QHash<QString, TranslationLanguage*> languages;
     AssignedDeviceHandler* assignedDeviceHandler = nullptr;
 };
