@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# Builds the configuration parser fuzzer with clang and runs it for a while.
-# Usage: fuzz/run-fuzzer.sh [build-dir] [seconds]   (defaults: build-fuzz 60)
-# New inputs go to <build-dir>/fuzz-corpus; the checked-in seeds stay as they
-# are. A crash leaves its input as <build-dir>/crash-* and fails the script.
+# Builds the parser fuzzers with clang and runs each for a while: the key
+# configuration parser and the translation file parser.
+# Usage: fuzz/run-fuzzer.sh [build-dir] [seconds per fuzzer]   (defaults: build-fuzz 60)
+# New inputs go to <build-dir>/fuzz-corpus/<fuzzer>; the checked-in seeds stay
+# as they are (the translation parser's seeds are the golden files of its
+# tests). A crash or a leak leaves its input as <build-dir>/crash-* or leak-*
+# and fails the script.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -11,11 +14,17 @@ seconds=${2:-60}
 
 CC=clang-14 CXX=clang++-14 cmake -S "$root" -B "$build" -G Ninja \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSELVANE_FUZZ=ON -DSELVANE_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" --target fuzz_keysequence -j"$(nproc)"
+cmake --build "$build" --target fuzz_keysequence fuzz_translation -j"$(nproc)"
 
-mkdir -p "$build/fuzz-corpus"
-cd "$build"
-echo "== Fuzzing the key configuration parser for $seconds s"
-./fuzz/fuzz_keysequence -max_total_time="$seconds" -max_len=1024 -timeout=10 \
-    -dict="$root/fuzz/keysequence.dict" -artifact_prefix="$build/" \
-    "$build/fuzz-corpus" "$root/fuzz/corpus/keysequence"
+# run_fuzzer NAME DICTIONARY MAX_LEN SEED_DIR...
+run_fuzzer() {
+    local name=$1 dictionary=$2 max_len=$3
+    shift 3
+    mkdir -p "$build/fuzz-corpus/$name"
+    echo "== Fuzzing $name for $seconds s"
+    (cd "$build" && "./fuzz/$name" -max_total_time="$seconds" -max_len="$max_len" -timeout=10 \
+        -dict="$dictionary" -artifact_prefix="$build/" "$build/fuzz-corpus/$name" "$@")
+}
+
+run_fuzzer fuzz_keysequence "$root/fuzz/keysequence.dict" 1024 "$root/fuzz/corpus/keysequence"
+run_fuzzer fuzz_translation "$root/fuzz/translation.dict" 4096 "$root/tests/translation/golden"
