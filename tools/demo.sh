@@ -34,7 +34,7 @@ wait_for_line() {
 install_packages() {
     local packages=(cmake ninja-build g++ pkg-config qt6-base-dev qt6-5compat-dev
         libxcb1-dev libxcb-image0-dev libxcb-randr0-dev dbus umockdev libumockdev-dev
-        util-linux)
+        util-linux librsvg2-bin fonts-dejavu-core)
     local missing=() package
     for package in "${packages[@]}"; do
         dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||

@@ -19,6 +19,7 @@ packages=(
     qemu-system-x86 linux-image-amd64 busybox-static cpio xz-utils kmod
     util-linux procps
     fonts-dejavu-core
+    librsvg2-bin
 )
 
 install_missing_packages() {
