@@ -20,6 +20,7 @@ packages=(
     util-linux procps
     fonts-dejavu-core
     librsvg2-bin
+    xvfb libxcb-xfixes0-dev
 )
 
 install_missing_packages() {

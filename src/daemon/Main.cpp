@@ -1,3 +1,4 @@
+#include "assignment/DisplayConfiguration.h"
 #include "common/CommandLine.h"
 #include "common/Daemon.h"
 #include "common/Logger.h"
@@ -70,6 +71,8 @@ int main(int argc, char* argv[])
     QCoreApplication::setApplicationVersion(QStringLiteral("1.0"));
     QCoreApplication::setOrganizationName(QStringLiteral("Orvanta"));
     QCoreApplication::setOrganizationDomain(QStringLiteral("orvanta.com"));
+    // Registered before the logger runs, so this first registration logs nothing.
+    DisplayConfiguration::initTranslations();
     InputKeyCode::buildTable();
     // Emptied on every way out of the process, including the exit(1) of a
     // start that fails.
@@ -128,6 +131,8 @@ int main(int argc, char* argv[])
     // The parent exits with status 0 in here. Without a pid file the daemon
     // still runs, only --pid, --stop and the running check cannot see it.
     Orvanta::Daemon::start(pidFile);
+    // Once more in the daemon child, now that its registration can be logged.
+    DisplayConfiguration::initTranslations();
 
     auto selvane = std::make_unique<Selvane>(commandLine.getConfigFileName());
     const int result = QCoreApplication::exec();

@@ -1,0 +1,116 @@
+#include "OverlayTestBed.h"
+
+#include "TestFiles.h"
+#include "XvfbServer.h"
+
+#include "input/InputKeyCode.h"
+
+#include "Paths.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QStandardPaths>
+
+namespace {
+
+// True when /usr/share is the private overlay that run-isolated.sh mounts, so
+// that writing the daemon's data directory cannot touch the host's.
+bool isShareDirPrivate()
+{
+    const QStringList mounts = DaemonRunner::readLines(QStringLiteral("/proc/self/mountinfo"));
+    bool isPrivate = false;
+    for (const QString& mount : mounts) {
+        // "... <mount point> <options> ... - <type> <source> <super options>"
+        const QStringList fields = mount.split(' ');
+        const int separator = fields.indexOf(QStringLiteral("-"));
+        if (fields.size() > 4 && separator > 0 && separator + 2 < fields.size() &&
+            fields.at(4) == QLatin1String("/usr/share")) {
+            // The last mount on a path is the one in effect.
+            isPrivate = fields.at(separator + 1) == QLatin1String("overlay") &&
+                        fields.at(separator + 2) == QLatin1String("isolated-share");
+        }
+    }
+    return isPrivate;
+}
+
+} // namespace
+
+QString OverlayTestBed::unavailableReason(bool needsX)
+{
+    if (!QString::fromLatin1(Orvanta::Paths::dataDir).startsWith(QLatin1String("/usr/share/")) ||
+        !isShareDirPrivate()) {
+        return QStringLiteral("not running in a private mount namespace (run-isolated.sh)");
+    }
+    if (QStandardPaths::findExecutable(QStringLiteral("dbus-daemon")).isEmpty()) {
+        return QStringLiteral("dbus-daemon is not installed");
+    }
+    if (needsX && !XvfbServer::isInstalled()) {
+        return QStringLiteral("Xvfb is not installed");
+    }
+    if (needsX && !XvfbServer().start()) {
+        return QStringLiteral("Xvfb cannot be started");
+    }
+    return QString();
+}
+
+QString OverlayTestBed::dataPath(const QString& relativePath)
+{
+    return QString::fromLatin1(Orvanta::Paths::dataDir) + "/" + relativePath;
+}
+
+bool OverlayTestBed::writeDataFile(const QString& relativePath, const QByteArray& content)
+{
+    const QString path = dataPath(relativePath);
+    return QDir().mkpath(QFileInfo(path).path()) && writeFile(path, content);
+}
+
+bool OverlayTestBed::writePicture(const QString& fileName, const QImage& picture)
+{
+    const QString path = dataPath("images/" + fileName);
+    return QDir().mkpath(QFileInfo(path).path()) && picture.save(path, "PNG");
+}
+
+bool OverlayTestBed::removeDataFile(const QString& relativePath)
+{
+    return QFile::remove(dataPath(relativePath));
+}
+
+OverlayTestBed::OverlayTestBed(const QStringList& simulatorOptions)
+{
+    if (!bus.isBusRunning()) {
+        return;
+    }
+    // Before the first use of the session bus in this process.
+    qputenv("DBUS_SESSION_BUS_ADDRESS", bus.busAddress().toLocal8Bit());
+    simulator = std::make_unique<PlatformSimulatorProcess>(
+        bus.busAddress(), bus.path(QStringLiteral("calls")), simulatorOptions);
+    if (!simulator->isReady()) {
+        return;
+    }
+    writeFile(bus.path(QStringLiteral("keys.conf")), "KEY_LEFTCTRL:KEY_F1:true\n");
+    InputKeyCode::buildTable();
+    log = std::make_unique<LogCapture>();
+    recreateCentral();
+}
+
+void OverlayTestBed::recreateCentral()
+{
+    dbus.reset();
+    central.reset();
+    central = std::make_unique<Selvane>(bus.path(QStringLiteral("keys.conf")));
+    dbus = std::make_unique<DBusInterface>(central.get());
+}
+
+OverlayTestBed::~OverlayTestBed()
+{
+    dbus.reset();
+    central.reset();
+    log.reset();
+    InputKeyCode::cleanupTable();
+}
+
+std::unique_ptr<DisplayConfiguration>
+OverlayTestBed::create(int displayId, int stationId, DisplayConfiguration::OverlayImage overlay)
+{
+    return std::make_unique<DisplayConfiguration>(*dbus, *central, overlay, displayId, stationId);
+}

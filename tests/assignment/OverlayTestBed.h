@@ -1,0 +1,86 @@
+#pragma once
+
+#include "DaemonRunner.h"
+#include "LogCapture.h"
+#include "PlatformSimulatorProcess.h"
+
+#include "assignment/DisplayConfiguration.h"
+#include "daemon/DBusInterface.h"
+#include "daemon/Selvane.h"
+
+#include <QByteArray>
+#include <QGuiApplication>
+#include <QImage>
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+
+// What a display configuration needs around it in a test: a private session
+// bus with the platform simulator on it (answering with the given options and
+// recording every call), the central object, a D-Bus interface for the
+// display configurations and a capture of the log.
+//
+// The tests run in a private mount namespace (support/run-isolated.sh), where
+// /usr/share is a throw-away overlay: they write the overlay's pictures,
+// translations and font into the daemon's fixed data directory there. The
+// central object reads the translations when the bed is built, so they are
+// written before.
+class OverlayTestBed
+{
+public:
+    // Why the tests cannot run here (not isolated, no dbus-daemon, no Xvfb
+    // when needsX), or an empty string.
+    static QString unavailableReason(bool needsX);
+
+    // A file under the daemon's data directory, e.g. "images/ALPHA.png".
+    static QString dataPath(const QString& relativePath);
+    static bool writeDataFile(const QString& relativePath, const QByteArray& content);
+    static bool writePicture(const QString& fileName, const QImage& picture);
+    static bool removeDataFile(const QString& relativePath);
+
+    explicit OverlayTestBed(const QStringList& simulatorOptions = {});
+    ~OverlayTestBed();
+
+    OverlayTestBed(const OverlayTestBed&) = delete;
+    OverlayTestBed& operator=(const OverlayTestBed&) = delete;
+
+    bool isReady() const { return simulator && simulator->isReady() && central; }
+    Selvane& getCentral() { return *central; }
+    DBusInterface& getDBus() { return *dbus; }
+    PlatformSimulatorProcess& getSimulator() { return *simulator; }
+    LogCapture& getLog() { return *log; }
+
+    // Makes the central object anew, which reads the translations again.
+    void recreateCentral();
+
+    std::unique_ptr<DisplayConfiguration>
+    create(int displayId, int stationId,
+           DisplayConfiguration::OverlayImage overlay = DisplayConfiguration::OVERLAY_IMAGE_NONE);
+    // The calls recorded after the first `from` ones.
+    QStringList callsSince(int from) const { return simulator->calls().mid(from); }
+    int callCount() const { return simulator->calls().size(); }
+
+private:
+    DaemonRunner bus;
+    std::unique_ptr<PlatformSimulatorProcess> simulator;
+    std::unique_ptr<LogCapture> log;
+    std::unique_ptr<Selvane> central;
+    std::unique_ptr<DBusInterface> dbus;
+};
+
+// Skips (77) when the tests cannot run here; otherwise runs them on the
+// offscreen platform, which the pictures' text rendering needs.
+#define SELVANE_OVERLAY_TEST_MAIN(TestObject, needsX)                                              \
+    int main(int argc, char** argv)                                                                \
+    {                                                                                              \
+        QGuiApplication app(argc, argv);                                                           \
+        const QString reason = OverlayTestBed::unavailableReason(needsX);                          \
+        if (!reason.isEmpty()) {                                                                   \
+            std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));                                \
+            return 77;                                                                             \
+        }                                                                                          \
+        TestObject test;                                                                           \
+        QTEST_SET_MAIN_SOURCE_PATH                                                                 \
+        return QTest::qExec(&test, argc, argv);                                                    \
+    }

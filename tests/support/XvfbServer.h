@@ -1,0 +1,41 @@
+#pragma once
+
+#include <QString>
+
+#include <sys/types.h>
+
+// One Xvfb server for a test: "Xvfb :N -screen 0 <screen> -nolisten tcp" on a
+// display number that was free, ready to accept connections when start()
+// returns true. The server tells on its -displayfd pipe when it is ready, so
+// nothing waits a fixed time. It can be killed and started again on the same
+// number, for tests of a server that goes away and comes back. The destructor
+// kills it.
+class XvfbServer
+{
+public:
+    // screen: "WIDTHxHEIGHTxDEPTH", e.g. "1024x768x24".
+    explicit XvfbServer(QString screen = QStringLiteral("1024x768x24"));
+    ~XvfbServer();
+
+    XvfbServer(const XvfbServer&) = delete;
+    XvfbServer& operator=(const XvfbServer&) = delete;
+
+    // Whether an Xvfb program can be found at all.
+    static bool isInstalled();
+
+    // Starts on a free display number, or on the last one after kill().
+    bool start();
+    // Ends the server at once (SIGKILL) and reaps it.
+    void kill();
+
+    bool isRunning() const { return pid > 0; }
+    int getDisplayNumber() const { return displayNumber; }
+    QString getDisplayName() const { return QStringLiteral(":%1").arg(displayNumber); }
+
+private:
+    void stop(int signal);
+
+    QString screen;
+    pid_t pid = -1;
+    int displayNumber = -1;
+};
