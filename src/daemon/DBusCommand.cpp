@@ -1,36 +1,41 @@
 #include "daemon/DBusCommand.h"
 
+#include "assignment/AssignmentHandler.h"
 #include "common/Logger.h"
 #include "daemon/Selvane.h"
 #include "sequences/AssignedDeviceHandler.h"
 
 namespace {
 constexpr char logSource[] = "DBusCommand";
-
-QString quoted(const QString& text)
-{
-    return QLatin1Char('"') + text + QLatin1Char('"');
-}
 } // namespace
 
 DBusCommand::~DBusCommand() = default;
 
-AssignedDeviceHandler* DBusCommand::assignedDeviceHandler(Selvane* selvane)
+namespace {
+// The handler that getter gives, with a Bug line when there is none.
+template <typename Handler>
+Handler* handlerOf(Selvane* selvane, Handler* (Selvane::*getter)(), const char* nullMessage)
 {
     if (!selvane) {
         SELVANE_LOG(LEVEL_BUG, "selvane is NULL");
         return nullptr;
     }
-    AssignedDeviceHandler* handler = selvane->getAssignedDeviceHandler();
+    Handler* handler = (selvane->*getter)();
     if (!handler) {
-        SELVANE_LOG(LEVEL_BUG, "assignedDeviceHandler is NULL");
+        SELVANE_LOG(LEVEL_BUG, nullMessage);
     }
     return handler;
 }
+} // namespace
 
-void DBusCommand::reportAssignmentUnavailable(const QString& call)
+AssignedDeviceHandler* DBusCommand::assignedDeviceHandler(Selvane* selvane)
 {
-    SELVANE_LOG(LEVEL_WARNING, "Station assignment is not available yet: " + call + " ignored");
+    return handlerOf(selvane, &Selvane::getAssignedDeviceHandler, "assignedDeviceHandler is NULL");
+}
+
+AssignmentHandler* DBusCommand::assignmentHandler(Selvane* selvane)
+{
+    return handlerOf(selvane, &Selvane::getAssignmentHandler, "assignmentHandler is NULL");
 }
 
 void DBusCommandLogStatus::execute(Selvane* selvane) const
@@ -70,9 +75,11 @@ DBusCommandUnassignedDeviceAdded::DBusCommandUnassignedDeviceAdded(QString path)
 {
 }
 
-void DBusCommandUnassignedDeviceAdded::execute(Selvane*) const
+void DBusCommandUnassignedDeviceAdded::execute(Selvane* selvane) const
 {
-    reportAssignmentUnavailable("unassignedDeviceAdded(" + quoted(devicePath) + ")");
+    if (AssignmentHandler* handler = assignmentHandler(selvane)) {
+        handler->addUnassignedDevice(devicePath);
+    }
 }
 
 DBusCommandUnassignedDeviceRemoved::DBusCommandUnassignedDeviceRemoved(QString path)
@@ -80,9 +87,11 @@ DBusCommandUnassignedDeviceRemoved::DBusCommandUnassignedDeviceRemoved(QString p
 {
 }
 
-void DBusCommandUnassignedDeviceRemoved::execute(Selvane*) const
+void DBusCommandUnassignedDeviceRemoved::execute(Selvane* selvane) const
 {
-    reportAssignmentUnavailable("unassignedDeviceRemoved(" + quoted(devicePath) + ")");
+    if (AssignmentHandler* handler = assignmentHandler(selvane)) {
+        handler->removeUnassignedDevice(devicePath);
+    }
 }
 
 DBusCommandConfigureKeyboard::DBusCommandConfigureKeyboard(int display, int station)
@@ -90,10 +99,11 @@ DBusCommandConfigureKeyboard::DBusCommandConfigureKeyboard(int display, int stat
 {
 }
 
-void DBusCommandConfigureKeyboard::execute(Selvane*) const
+void DBusCommandConfigureKeyboard::execute(Selvane* selvane) const
 {
-    reportAssignmentUnavailable(
-        QStringLiteral("configureKeyboard(%1, %2)").arg(displayId).arg(stationId));
+    if (AssignmentHandler* handler = assignmentHandler(selvane)) {
+        handler->configureKeyboard(displayId, stationId);
+    }
 }
 
 DBusCommandConfigureMouse::DBusCommandConfigureMouse(int display, int station)
@@ -101,17 +111,20 @@ DBusCommandConfigureMouse::DBusCommandConfigureMouse(int display, int station)
 {
 }
 
-void DBusCommandConfigureMouse::execute(Selvane*) const
+void DBusCommandConfigureMouse::execute(Selvane* selvane) const
 {
-    reportAssignmentUnavailable(
-        QStringLiteral("configureMouse(%1, %2)").arg(displayId).arg(stationId));
+    if (AssignmentHandler* handler = assignmentHandler(selvane)) {
+        handler->configureMouse(displayId, stationId);
+    }
 }
 
 DBusCommandConfigurationComplete::DBusCommandConfigurationComplete(int display) : displayId(display)
 {
 }
 
-void DBusCommandConfigurationComplete::execute(Selvane*) const
+void DBusCommandConfigurationComplete::execute(Selvane* selvane) const
 {
-    reportAssignmentUnavailable(QStringLiteral("configurationComplete(%1)").arg(displayId));
+    if (AssignmentHandler* handler = assignmentHandler(selvane)) {
+        handler->configurationComplete(displayId);
+    }
 }

@@ -3,6 +3,7 @@
 #include <QString>
 
 class AssignedDeviceHandler;
+class AssignmentHandler;
 class Selvane;
 
 // A remote call received on the daemon's D-Bus object, kept with its arguments
@@ -16,12 +17,10 @@ public:
     virtual void execute(Selvane* selvane) const = 0;
 
 protected:
-    // The central object's assigned-device handler; null (with a Bug line) when
-    // there is no central object or it has no such handler.
+    // The central object's handlers; null (with a Bug line) when there is no
+    // central object or it has no such handler.
     static AssignedDeviceHandler* assignedDeviceHandler(Selvane* selvane);
-    // The station assignment handler is not part of the daemon yet: its
-    // commands report that they were dropped.
-    static void reportAssignmentUnavailable(const QString& call);
+    static AssignmentHandler* assignmentHandler(Selvane* selvane);
 };
 
 class DBusCommandLogStatus : public DBusCommand

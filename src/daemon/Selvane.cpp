@@ -1,6 +1,7 @@
 #include "daemon/Selvane.h"
 
 #include "Paths.h"
+#include "assignment/AssignmentHandler.h"
 #include "common/Logger.h"
 #include "sequences/AssignedDeviceHandler.h"
 #include "translation/TranslationLanguage.h"
@@ -23,13 +24,20 @@ Selvane::Selvane(QString configFile) : dbusInterface(this)
     // draws whatever strings were read, possibly none.
     TranslationParser translationParser(languages);
     translationParser.parse(QString::fromLatin1(Orvanta::Paths::translationFile));
+    assignmentHandler = new AssignmentHandler(dbusInterface, *this);
     assignedDeviceHandler = new AssignedDeviceHandler(configFile);
+    // Devices assigned to or removed from stations change the counts that the
+    // overlays show.
+    connect(assignedDeviceHandler, &AssignedDeviceHandler::assignedDevicesChanged,
+            assignmentHandler, &AssignmentHandler::assignedDevicesChanged);
     connect(&timer, &QTimer::timeout, this, &Selvane::update);
     timer.start(updateIntervalMs);
 }
 
 Selvane::~Selvane()
 {
+    // The overlays use the languages, so they go first.
+    delete assignmentHandler;
     delete assignedDeviceHandler;
     qDeleteAll(languages);
 }
@@ -37,11 +45,13 @@ Selvane::~Selvane()
 void Selvane::update()
 {
     dbusInterface.update();
+    assignmentHandler->update();
     assignedDeviceHandler->update();
 }
 
 void Selvane::logStatus()
 {
+    assignmentHandler->logStatus();
     assignedDeviceHandler->logStatus();
 }
 

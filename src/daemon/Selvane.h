@@ -9,6 +9,7 @@
 #include <QTimer>
 
 class AssignedDeviceHandler;
+class AssignmentHandler;
 class TranslationLanguage;
 
 // The daemon's central object. It owns the handlers and the overlay's
@@ -27,6 +28,7 @@ public:
     // Logs the state of the handlers.
     void logStatus();
 
+    AssignmentHandler* getAssignmentHandler() { return assignmentHandler; }
     AssignedDeviceHandler* getAssignedDeviceHandler() { return assignedDeviceHandler; }
     // The language with this id, or null; an unknown id adds no entry.
     TranslationLanguage* getLanguage(QString id) const;
@@ -41,5 +43,6 @@ private:
     QTimer timer;
     DBusInterface dbusInterface;
     QHash<QString, TranslationLanguage*> languages;
+    AssignmentHandler* assignmentHandler = nullptr;
     AssignedDeviceHandler* assignedDeviceHandler = nullptr;
 };

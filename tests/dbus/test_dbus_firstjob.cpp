@@ -5,12 +5,12 @@
 // typing on it runs nothing.
 
 #include "DaemonRunner.h"
+#include "EmulatedInput.h"
 #include "PlatformSimulatorProcess.h"
 #include "UmockdevTestbed.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QtTest>
 
@@ -24,72 +24,6 @@ QRegularExpression logMessage(const QString& message)
     return QRegularExpression(R"(^\[[^\]]+\] \[\w+\] \[\w+:\w+:\d+\] )" +
                               QRegularExpression::escape(message) + "$");
 }
-
-// tools/emulated-input: the devices live as long as the process runs.
-class EmulatedInput
-{
-public:
-    explicit EmulatedInput(int keyboards)
-    {
-        process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        process.start(SELVANE_EMULATED_INPUT, {"--keyboards", QString::number(keyboards)});
-        QString line;
-        while (process.waitForStarted() && readLine(line) && line != "ready") {
-            const QStringList words = line.split(' ');
-            if (line.startsWith("UMOCKDEV_DIR=") || line.startsWith("LD_PRELOAD=")) {
-                environment.insert(line.section('=', 0, 0), line.section('=', 1));
-            } else if (words.size() == 3 && words.at(0) == "keyboard") {
-                nodes.append(words.at(2));
-            }
-        }
-    }
-    ~EmulatedInput()
-    {
-        process.write("quit\n");
-        if (!process.waitForFinished()) {
-            process.kill();
-            process.waitForFinished();
-        }
-    }
-
-    // Sends one command ("press 0 KEY_F1") and waits for its "ok".
-    bool send(const QString& command)
-    {
-        process.write(command.toUtf8() + '\n');
-        QString answer;
-        return readLine(answer) && answer == "ok";
-    }
-    // Holds the keys down in order, then lets them go in reverse order.
-    bool type(int device, const QStringList& keys)
-    {
-        for (const QString& key : keys) {
-            if (!send(QStringLiteral("press %1 %2").arg(device).arg(key))) {
-                return false;
-            }
-        }
-        for (auto key = keys.crbegin(); key != keys.crend(); ++key) {
-            if (!send(QStringLiteral("release %1 %2").arg(device).arg(*key))) {
-                return false;
-            }
-        }
-        return true;
-    }
-
-    QStringList nodes;
-    QHash<QString, QString> environment; // what the daemon needs to see the nodes
-
-private:
-    bool readLine(QString& line)
-    {
-        if (!DaemonRunner::waitUntil([this] { return process.canReadLine(); })) {
-            return false;
-        }
-        line = QString::fromUtf8(process.readLine()).trimmed();
-        return true;
-    }
-
-    QProcess process;
-};
 
 } // namespace
 
@@ -133,7 +67,7 @@ void DBusFirstJobTest::assignedKeyboardRunsItsCommandUntilRemoved()
     platform = QDBusConnection::connectToBus(runner->busAddress(), "platform");
     QVERIFY(platform.isConnected());
 
-    EmulatedInput input(2);
+    EmulatedInput input(SELVANE_EMULATED_INPUT, 2);
     QCOMPARE(input.nodes.size(), 2);
     QVERIFY(input.environment.contains("UMOCKDEV_DIR"));
 

@@ -12,6 +12,7 @@
 #include "DaemonRunner.h"
 #include "LogCapture.h"
 
+#include "assignment/AssignmentHandler.h"
 #include "daemon/DBusInterface.h"
 #include "daemon/Selvane.h"
 #include "input/InputKeyCode.h"
@@ -41,6 +42,14 @@ constexpr size_t heapNoiseBytes = 128 * 1024;
 QString notUsed(const QString& path)
 {
     return "The event device " + path + " is not being used.  There's nothing to remove";
+}
+
+// What logStatus writes while nothing is held.
+QStringList statusLines()
+{
+    return {"There are 0 unassigned device(s) being managed:",
+            "There are 0 display configuration(s) active:",
+            "There are 0 assigned device(s) being managed:"};
 }
 
 // The methods of one interface in an introspection document, in order, each
@@ -265,19 +274,34 @@ void DBusInterfaceTest::callsBetweenTwoTicksRunInArrivalOrderAtTheNextTick()
     QCOMPARE(log->messages(), QStringList());
 
     probe->update();
+    // What each command's handler logs first; the display configurations'
+    // own lines (no X server, no session controller here) are left out.
+    QStringList handlerLines;
+    for (const LogCapture::Entry& entry : log->entries()) {
+        if (entry.file != QLatin1String("DisplayConfiguration") ||
+            entry.message.startsWith(QLatin1String("Creating display configuration")) ||
+            entry.message.startsWith(QLatin1String("Removing display configuration"))) {
+            handlerLines.append(entry.message);
+        }
+    }
     const QStringList expected{
         notUsed("/dev/input/first"),
-        "Station assignment is not available yet: configureKeyboard(2, 5) ignored",
-        "Station assignment is not available yet: unassignedDeviceAdded(\"/dev/input/event7\") "
-        "ignored",
+        "Creating display configuration on display :2 on station 5.",
+        "Adding unassigned device /dev/input/event7",
+        "Could not open /dev/input/event7 for reading.",
+        "There are 0 unassigned device(s) being managed:",
+        "There are 1 display configuration(s) active:",
+        "Display configuration running on display: 2  station: 5",
         "There are 0 assigned device(s) being managed:",
-        "Station assignment is not available yet: unassignedDeviceRemoved(\"/dev/input/event7\") "
-        "ignored",
-        "Station assignment is not available yet: configureMouse(3, 6) ignored",
-        "Station assignment is not available yet: configurationComplete(2) ignored",
+        "Creating display configuration on display :3 on station 6.",
+        "Removing display configuration on display :2 on station 5.",
         notUsed("/dev/input/last"),
     };
-    QCOMPARE(log->messages(), expected);
+    QCOMPARE(handlerLines, expected);
+    QCOMPARE(selvane->getAssignmentHandler()->getDisplayConfigurations().size(), 1);
+    QCOMPARE(selvane->getAssignmentHandler()->getDisplayConfigurations().first()->getDisplayId(),
+             3);
+    selvane->getAssignmentHandler()->configurationComplete(3);
 
     // The queue was drained: the next tick executes nothing.
     log->clear();
@@ -291,8 +315,13 @@ void DBusInterfaceTest::logStatusWritesAtTheNextTickNotAtOnce()
     QVERIFY(!log->contains("There are 0 assigned device(s) being managed:"));
 
     probe->update();
-    QCOMPARE(log->messages(), QStringList{"There are 0 assigned device(s) being managed:"});
-    const LogCapture::Entry& status = log->entries().first();
+    // The assignment handler's status, then the assigned-device handler's.
+    QCOMPARE(log->messages(), statusLines());
+    const LogCapture::Entry& first = log->entries().first();
+    QCOMPARE(first.file, QString("AssignmentHandler"));
+    QCOMPARE(first.function, QString("logStatus"));
+    QCOMPARE(first.level, Logger::LEVEL_INFO);
+    const LogCapture::Entry& status = log->entries().last();
     QCOMPARE(status.file, QString("AssignedDeviceHandler"));
     QCOMPARE(status.function, QString("logStatus"));
     QCOMPARE(status.level, Logger::LEVEL_INFO);
@@ -307,9 +336,8 @@ void DBusInterfaceTest::twoLogStatusCallsInOneTickLogTwiceInOrder()
     QCOMPARE(log->messages(), QStringList());
 
     probe->update();
-    const QStringList expected{
-        "There are 0 assigned device(s) being managed:", notUsed("/dev/input/between"),
-        "There are 0 assigned device(s) being managed:"};
+    const QStringList expected =
+        statusLines() + QStringList{notUsed("/dev/input/between")} + statusLines();
     QCOMPARE(log->messages(), expected);
 }
 
@@ -330,23 +358,53 @@ void DBusInterfaceTest::emptyDevicePathIsForwardedUnchanged()
 
 void DBusInterfaceTest::configurationCompleteIsSeenAtTheNextTick()
 {
-    // The station assignment handler is not part of the daemon yet. What is
-    // checked here is the half that exists: the call is held until the tick
-    // and then delivered as the first thing of that tick, by update(), which
-    // the central object runs before any handler's update(). Once the
-    // assignment handler exists, this test must also show that
-    // configurationComplete reached AssignmentHandler::configurationComplete
-    // before that tick's AssignmentHandler::update().
-    QCOMPARE(callProbe("configurationComplete", {7}).type(), QDBusMessage::ReplyMessage);
-    QCOMPARE(log->messages(), QStringList());
+    // Through the daemon's own service and its own 100 ms ticks. Display 97
+    // has no server, so every AssignmentHandler::update() logs one failed
+    // connect for it. The tick that executes configurationComplete(97) must
+    // delete the configuration before that tick's AssignmentHandler::update():
+    // no failed connect may come in the same tick, that is within a few
+    // milliseconds before the configuration's removal.
+    const QString failedConnect = QStringLiteral("Could not get connection to display :97");
+    const QString removed =
+        QStringLiteral("Removing display configuration on display :97 on station 4.");
+    const auto callDaemon = [this](const QString& method, const QVariantList& arguments) {
+        QDBusMessage call =
+            QDBusMessage::createMethodCall("com.orvanta.selvane", "/", interfaceName, method);
+        call.setArguments(arguments);
+        QDBusPendingCall pending = caller.asyncCall(call);
+        return DaemonRunner::waitUntil([&] { return pending.isFinished(); }, 5000) &&
+               pending.reply().type() == QDBusMessage::ReplyMessage;
+    };
 
-    probe->update();
-    QCOMPARE(log->messages(),
-             QStringList{"Station assignment is not available yet: configurationComplete(7) "
-                         "ignored"});
-    const LogCapture::Entry& entry = log->entries().first();
-    QCOMPARE(entry.level, Logger::LEVEL_WARNING);
-    QCOMPARE(entry.file, QString("DBusCommand"));
+    QVERIFY(callDaemon("configureKeyboard", {97, 4}));
+    QVERIFY(DaemonRunner::waitUntil([&] { return log->count(failedConnect) >= 3; }));
+    QVERIFY(callDaemon("configurationComplete", {97}));
+    QVERIFY(DaemonRunner::waitUntil([&] { return log->contains(removed); }));
+    const int failuresBefore = log->count(failedConnect);
+    // Ticks go on; the display is gone from them.
+    const int ticksLater = 3;
+    QTest::qWait(ticksLater * 100 + 50);
+    QCOMPARE(log->count(failedConnect), failuresBefore);
+
+    const auto timeOf = [](const LogCapture::Entry& entry) {
+        return QDateTime::fromString(entry.time, "yyyy-MM-dd hh:mm:ss.zzz");
+    };
+    const LogCapture::Entry* removal = log->find(removed);
+    QVERIFY(removal);
+    QDateTime lastFailure;
+    for (const LogCapture::Entry& entry : log->entries()) {
+        if (&entry == removal) {
+            break;
+        }
+        if (entry.message == failedConnect) {
+            lastFailure = timeOf(entry);
+        }
+    }
+    QVERIFY(lastFailure.isValid());
+    const qint64 gap = lastFailure.msecsTo(timeOf(*removal));
+    QVERIFY2(gap >= 50, qPrintable(QString("the last failed connect came %1 ms before the "
+                                           "removal, in the same tick")
+                                       .arg(gap)));
 }
 
 void DBusInterfaceTest::badArgumentsGetAnErrorReplyAndQueueNothing_data()

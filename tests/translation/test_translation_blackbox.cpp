@@ -125,7 +125,7 @@ private Q_SLOTS:
                      qPrintable(pattern.pattern() + "\n" + lines.join('\n')));
             previous = index;
         }
-        QCOMPARE(indexOf(lines, keysParsedLine), previous + 2); // after "Parsing config file"
+        QVERIFY(indexOf(lines, keysParsedLine) > previous);
         stopDaemon();
     }
 
