@@ -29,12 +29,6 @@ constexpr int firstDisplay = 400;
 // device per call would cost far more.
 constexpr qint64 residentNoiseKiB = 1024;
 
-QRegularExpression logMessage(const QString& message)
-{
-    return QRegularExpression(R"(^\[[^\]]+\] \[\w+\] \[\w+:\w+:\d+\] )" +
-                              QRegularExpression::escape(message) + "$");
-}
-
 int openDescriptors(pid_t pid)
 {
     return static_cast<int>(QDir(QStringLiteral("/proc/%1/fd").arg(pid))
@@ -78,21 +72,16 @@ private Q_SLOTS:
         const QString output = runner.path("commands-run");
         const QString config = runner.path("keys.conf");
         QVERIFY(writeFile(config, "KEY_LEFTCTRL:KEY_F1:echo ran >> " + output.toUtf8() + "\n"));
-        for (auto variable = input.environment.cbegin(); variable != input.environment.cend();
-             ++variable) {
-            qputenv(variable.key().toLatin1(), variable.value().toLocal8Bit());
-        }
+        runner.setExtraEnvironment(input.environment);
         const DaemonRunner::Result start = runner.run({"-c", config});
-        for (const QString& name : input.environment.keys()) {
-            qunsetenv(name.toLatin1());
-        }
         QCOMPARE(start.status, 0);
         const pid_t daemon = runner.waitForDaemon();
         QVERIFY(daemon > 0);
         QVERIFY(simulator.waitForCall("com.orvanta.Assignment.SelvaneStarted"));
         call("deviceAddedToStation", {input.nodes.first(), 1});
         QVERIFY(DaemonRunner::waitForLine(
-            runner.defaultLogFile(), logMessage("Adding assigned device " + input.nodes.first())));
+            runner.defaultLogFile(),
+            DaemonRunner::logMessage("Adding assigned device " + input.nodes.first())));
 
         QList<qint64> resident;
         QList<int> descriptors;
@@ -108,16 +97,19 @@ private Q_SLOTS:
             // Every overlay of the flood was made, and is gone again.
             const QStringList lines = DaemonRunner::readLines(runner.defaultLogFile());
             QCOMPARE(lines
-                         .filter(logMessage(QStringLiteral("Creating display configuration on "
-                                                           "display :%1 on station %2.")
-                                                .arg(firstDisplay + displaysPerBurst - 1)
-                                                .arg(displaysPerBurst - 1)))
+                         .filter(DaemonRunner::logMessage(
+                             QStringLiteral("Creating display configuration on "
+                                            "display :%1 on station %2.")
+                                 .arg(firstDisplay + displaysPerBurst - 1)
+                                 .arg(displaysPerBurst - 1)))
                          .size(),
                      burst);
             call("logStatus");
             QVERIFY(DaemonRunner::waitUntil([&] {
                 const QStringList lines = DaemonRunner::readLines(runner.defaultLogFile());
-                return lines.filter(logMessage("There are 0 display configuration(s) active:"))
+                return lines
+                           .filter(DaemonRunner::logMessage(
+                               "There are 0 display configuration(s) active:"))
                            .size() == burst;
             }));
             resident.append(residentKiB(daemon));

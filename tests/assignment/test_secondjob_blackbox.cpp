@@ -22,12 +22,6 @@ namespace {
 
 const QByteArray windowName = QByteArrayLiteral("Press F Key");
 
-QRegularExpression logMessage(const QString& message)
-{
-    return QRegularExpression(R"(^\[[^\]]+\] \[\w+\] \[\w+:\w+:\d+\] )" +
-                              QRegularExpression::escape(message) + "$");
-}
-
 QString assignedAuto(const QString& node, int display, const QString& kind)
 {
     return QStringLiteral("com.orvanta.Assignment.DeviceAssignedAuto \"%1\" %2 \"%3\"")
@@ -67,15 +61,9 @@ private Q_SLOTS:
         QVERIFY(file.open(QIODevice::WriteOnly));
         file.write("KEY_LEFTCTRL:KEY_F1:true\n");
         file.close();
-        // The daemon sees the emulated nodes through this one start's environment.
-        for (auto variable = input->environment.cbegin(); variable != input->environment.cend();
-             ++variable) {
-            qputenv(variable.key().toLatin1(), variable.value().toLocal8Bit());
-        }
+        // The daemon sees the emulated nodes.
+        runner->setExtraEnvironment(input->environment);
         const DaemonRunner::Result start = runner->run({"-c", config});
-        for (const QString& name : input->environment.keys()) {
-            qunsetenv(name.toLatin1());
-        }
         QCOMPARE(start.status, 0);
         daemon = runner->waitForDaemon();
         QVERIFY(daemon > 0);
@@ -189,7 +177,8 @@ private Q_SLOTS:
         call("logStatus");
         waitForLogLine("There are 0 unassigned device(s) being managed:");
         QVERIFY(DaemonRunner::waitForLine(
-            runner->defaultLogFile(), logMessage("There are 0 display configuration(s) active:")));
+            runner->defaultLogFile(),
+            DaemonRunner::logMessage("There are 0 display configuration(s) active:")));
     }
 
 private:
@@ -206,9 +195,10 @@ private:
 
     void waitForLogLine(const QString& message)
     {
-        QVERIFY2(DaemonRunner::waitForLine(runner->defaultLogFile(), logMessage(message)),
-                 qPrintable("no log line \"" + message + "\" in:\n" +
-                            DaemonRunner::readLines(runner->defaultLogFile()).join('\n')));
+        QVERIFY2(
+            DaemonRunner::waitForLine(runner->defaultLogFile(), DaemonRunner::logMessage(message)),
+            qPrintable("no log line \"" + message + "\" in:\n" +
+                       DaemonRunner::readLines(runner->defaultLogFile()).join('\n')));
     }
 
     // The assignments recorded after the first `from` calls. A status request

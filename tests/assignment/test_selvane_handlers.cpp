@@ -87,16 +87,7 @@ private:
 int main(int argc, char* argv[])
 {
     UmockdevTestbed::requirePreload(argc, argv);
-    QGuiApplication application(argc, argv);
-    DaemonRunner bus;
-    if (!bus.isBusRunning()) {
-        fprintf(stderr, "SKIP: no private dbus-daemon could be started\n");
-        return 77;
-    }
-    qputenv("DBUS_SESSION_BUS_ADDRESS", bus.busAddress().toLocal8Bit());
-    SelvaneHandlersTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
+    return runOnPrivateBus<QGuiApplication, SelvaneHandlersTest>(argc, argv);
 }
 
 #include "test_selvane_handlers.moc"

@@ -17,16 +17,6 @@
 #include <csignal>
 #include <memory>
 
-namespace {
-
-QRegularExpression logMessage(const QString& message)
-{
-    return QRegularExpression(R"(^\[[^\]]+\] \[\w+\] \[\w+:\w+:\d+\] )" +
-                              QRegularExpression::escape(message) + "$");
-}
-
-} // namespace
-
 class DBusFirstJobTest : public QObject
 {
     Q_OBJECT
@@ -53,7 +43,7 @@ void DBusFirstJobTest::call(const QString& method, const QVariantList& arguments
 
 void DBusFirstJobTest::waitForLogLine(const QString& message)
 {
-    QVERIFY2(DaemonRunner::waitForLine(runner->defaultLogFile(), logMessage(message)),
+    QVERIFY2(DaemonRunner::waitForLine(runner->defaultLogFile(), DaemonRunner::logMessage(message)),
              qPrintable("no log line \"" + message + "\" in:\n" +
                         DaemonRunner::readLines(runner->defaultLogFile()).join('\n')));
 }
@@ -78,16 +68,9 @@ void DBusFirstJobTest::assignedKeyboardRunsItsCommandUntilRemoved()
     file.write("KEY_LEFTCTRL:KEY_F1:echo \"station $STATION_ID\" >> " + output.toUtf8() + "\n");
     file.close();
 
-    // DaemonRunner hands the test's environment to the daemon: the nodes'
-    // testbed is added to it for this one start only.
-    for (auto variable = input.environment.cbegin(); variable != input.environment.cend();
-         ++variable) {
-        qputenv(variable.key().toLatin1(), variable.value().toLocal8Bit());
-    }
+    // The daemon sees the emulated nodes.
+    runner->setExtraEnvironment(input.environment);
     const DaemonRunner::Result start = runner->run({"-c", config});
-    for (const QString& name : input.environment.keys()) {
-        qunsetenv(name.toLatin1());
-    }
     QCOMPARE(start.status, 0);
     const pid_t daemon = runner->waitForDaemon();
     QVERIFY(daemon > 0);

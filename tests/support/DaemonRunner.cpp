@@ -30,7 +30,8 @@ const QByteArray daemonComm = QByteArrayLiteral("orvanta-selvane");
 
 // The environment the daemon gets: the test's, minus anything that would let
 // it reach a display or the host's session bus, plus the private bus.
-std::vector<QByteArray> daemonEnvironment(const QString& busAddress)
+std::vector<QByteArray> daemonEnvironment(const QString& busAddress,
+                                          const QHash<QString, QString>& extra)
 {
     std::vector<QByteArray> result;
     for (char** entry = environ; *entry; ++entry) {
@@ -44,6 +45,9 @@ std::vector<QByteArray> daemonEnvironment(const QString& busAddress)
     }
     if (!busAddress.isEmpty()) {
         result.push_back("DBUS_SESSION_BUS_ADDRESS=" + busAddress.toLocal8Bit());
+    }
+    for (auto variable = extra.cbegin(); variable != extra.cend(); ++variable) {
+        result.push_back(variable.key().toLocal8Bit() + '=' + variable.value().toLocal8Bit());
     }
     return result;
 }
@@ -175,7 +179,8 @@ DaemonRunner::Result DaemonRunner::run(const QStringList& arguments, int timeout
     const QString outFile = path(QStringLiteral("stdout-%1").arg(runCount));
     const QString errFile = path(QStringLiteral("stderr-%1").arg(runCount));
     Result result;
-    const pid_t pid = spawn(command, daemonEnvironment(address), outFile, errFile);
+    const pid_t pid =
+        spawn(command, daemonEnvironment(address, extraEnvironment), outFile, errFile);
     if (pid < 0) {
         return result;
     }
@@ -313,4 +318,19 @@ bool DaemonRunner::waitForLine(const QString& fileName, const QRegularExpression
             return false;
         },
         timeoutMs);
+}
+
+QRegularExpression DaemonRunner::logMessage(const QString& message)
+{
+    return QRegularExpression(R"(^\[[^\]]+\] \[\w+\] \[\w+:\w+:\d+\] )" +
+                              QRegularExpression::escape(message) + "$");
+}
+
+QRegularExpression DaemonRunner::logLine(const QString& level, const QString& place,
+                                         const QString& message)
+{
+    const QString line = place.count(':') == 2 ? QString() : QStringLiteral(R"(:\d+)");
+    return QRegularExpression(R"(^\[[^\]]+\] \[)" + level + R"(\] \[)" +
+                              QRegularExpression::escape(place) + line + R"(\] )" +
+                              QRegularExpression::escape(message) + "$");
 }

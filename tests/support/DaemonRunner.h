@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QCoreApplication>
+#include <QHash>
 #include <QList>
 #include <QProcess>
 #include <QRegularExpression>
@@ -53,6 +54,12 @@ public:
     void setShareDir(const QString& sourceDir) { shareDir = sourceDir; }
     // With false, the daemon has no /run/orvanta and cannot write its pid file.
     void setRunDirPresent(bool present) { runDirPresent = present; }
+    // Variables the daemon gets on top of the test's environment, such as
+    // those that let it see emulated devices.
+    void setExtraEnvironment(const QHash<QString, QString>& variables)
+    {
+        extraEnvironment = variables;
+    }
 
     // Runs orvanta-selvane with the arguments in the foreground and waits for
     // it; kills it after the time-out.
@@ -86,6 +93,13 @@ public:
     // Re-checks the condition, processing events in between, until it holds
     // or the time is up.
     static bool waitUntil(const std::function<bool()>& condition, int timeoutMs = defaultTimeoutMs);
+    // A log line "[time] [Level] [File:function:line] message" with exactly
+    // this message, whatever its level and place.
+    static QRegularExpression logMessage(const QString& message);
+    // A log line with this level, place ("File:function", or
+    // "File:function:line" where the line matters) and message.
+    static QRegularExpression logLine(const QString& level, const QString& place,
+                                      const QString& message);
     // The file's lines without their line ends.
     static QStringList readLines(const QString& fileName);
     // Waits until a line of the file matches; true if one did in time.
@@ -97,6 +111,7 @@ private:
     QProcess bus;
     QString address;
     QString shareDir;
+    QHash<QString, QString> extraEnvironment;
     bool runDirPresent = true;
     int runCount = 0;
 };
@@ -116,3 +131,20 @@ private:
         QTEST_SET_MAIN_SOURCE_PATH                                                                 \
         return QTest::qExec(&test, argc, argv);                                                    \
     }
+
+// Runs the test object with a private dbus-daemon as the session bus of the
+// whole process, on the given application class; skipped (77) when no bus can
+// be started.
+template <typename Application, typename TestObject> int runOnPrivateBus(int argc, char** argv)
+{
+    Application application(argc, argv);
+    DaemonRunner bus;
+    if (!bus.isBusRunning()) {
+        std::fprintf(stderr, "SKIP: no private dbus-daemon could be started\n");
+        return 77;
+    }
+    qputenv("DBUS_SESSION_BUS_ADDRESS", bus.busAddress().toLocal8Bit());
+    TestObject test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}

@@ -122,16 +122,7 @@ private:
 // A private dbus-daemon is this test's session bus; without one the test is skipped.
 int main(int argc, char* argv[])
 {
-    QCoreApplication application(argc, argv);
-    DaemonRunner bus;
-    if (!bus.isBusRunning()) {
-        fprintf(stderr, "SKIP: no private dbus-daemon could be started\n");
-        return 77;
-    }
-    qputenv("DBUS_SESSION_BUS_ADDRESS", bus.busAddress().toLocal8Bit());
-    SelvaneLanguagesTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
+    return runOnPrivateBus<QCoreApplication, SelvaneLanguagesTest>(argc, argv);
 }
 
 #include "test_selvane_languages.moc"

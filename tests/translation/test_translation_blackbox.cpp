@@ -14,21 +14,12 @@ namespace {
 
 const QString translationFile = QStringLiteral("/usr/share/orvanta/translations/selvane.xml");
 
-// "[time] [Level] [File:function:line] message"; the line only where given.
-QRegularExpression logLine(const QString& level, const QString& place, const QString& message)
-{
-    const QString line = place.count(':') == 2 ? QString() : QStringLiteral(R"(:\d+)");
-    return QRegularExpression(R"(^\[[^\]]+\] \[)" + level + R"(\] \[)" +
-                              QRegularExpression::escape(place) + line + R"(\] )" +
-                              QRegularExpression::escape(message) + "$");
-}
-
-const QRegularExpression keysParsedLine =
-    logLine("Info", "AssignedDeviceHandler:parseConfigFile", "Parsed 1 key sequence(s).");
+const QRegularExpression keysParsedLine = DaemonRunner::logLine(
+    "Info", "AssignedDeviceHandler:parseConfigFile", "Parsed 1 key sequence(s).");
 const QRegularExpression establishedLine =
-    logLine("Info", "DBusInterface:connect", "Connection established");
+    DaemonRunner::logLine("Info", "DBusInterface:connect", "Connection established");
 const QRegularExpression exitLine =
-    logLine("Info", "Main:main", "selvane is exiting with exit code 0");
+    DaemonRunner::logLine("Info", "Main:main", "selvane is exiting with exit code 0");
 
 int indexOf(const QStringList& lines, const QRegularExpression& pattern)
 {
@@ -60,8 +51,8 @@ private Q_SLOTS:
     {
         const QStringList lines = startDaemon();
         const int missing =
-            indexOf(lines, logLine("Error", "BaseParser:parse",
-                                   "File '" + translationFile + "' does not exist"));
+            indexOf(lines, DaemonRunner::logLine("Error", "BaseParser:parse",
+                                                 "File '" + translationFile + "' does not exist"));
         QVERIFY2(missing >= 0, qPrintable(lines.join('\n')));
         QVERIFY(indexOf(lines, establishedLine) < missing);
         QVERIFY(missing < indexOf(lines, keysParsedLine));
@@ -77,10 +68,10 @@ private Q_SLOTS:
                        "  </language>\n"
                        "</translations>\n");
         const QStringList lines = startDaemon();
-        const int fatal =
-            indexOf(lines, logLine("Error", "BaseParser:fatalError:337",
-                                   "Parser fatal error on line 5, column 13 in file " +
-                                       translationFile + ": tag mismatch"));
+        const int fatal = indexOf(
+            lines, DaemonRunner::logLine("Error", "BaseParser:fatalError:337",
+                                         "Parser fatal error on line 5, column 13 in file " +
+                                             translationFile + ": tag mismatch"));
         QVERIFY2(fatal >= 0, qPrintable(lines.join('\n')));
         QVERIFY(fatal < indexOf(lines, keysParsedLine));
         stopDaemon();
@@ -99,23 +90,24 @@ private Q_SLOTS:
                        "</texts>\n");
         const QStringList lines = startDaemon();
         const QList<QRegularExpression> expected{
-            logLine("Warning", "BaseParser:logMissingAttribute",
-                    "Missing attribute 'font_size'.  Defaulting to '12'.  File: '" +
-                        translationFile + "',  Depth: 'string'"),
-            logLine("Warning", "BaseParser:logMissingAttribute",
-                    "Missing attribute 'pos_x'.  Defaulting to '0'.  File: '" + translationFile +
-                        "',  Depth: 'string'"),
-            logLine("Warning", "BaseParser:logMissingAttribute",
-                    "Missing attribute 'pos_y'.  Defaulting to '0'.  File: '" + translationFile +
-                        "',  Depth: 'string'"),
-            logLine("Warning", "TranslationParser:startElement",
-                    "Duplicate string 'mice-available' found.  The duplicate is being ignored"),
-            logLine("Warning", "TranslationParser:startElement",
-                    "Duplicate language 'fr' found.  The duplicate is being ignored"),
-            logLine("Warning", "BaseParser:logMissingAttribute",
-                    "Missing attribute 'id'.  Defaulting to ''.  File: '" + translationFile +
-                        "',  Depth: 'top'"),
-            logLine("Warning", "TranslationParser:startElement", "id is empty"),
+            DaemonRunner::logLine("Warning", "BaseParser:logMissingAttribute",
+                                  "Missing attribute 'font_size'.  Defaulting to '12'.  File: '" +
+                                      translationFile + "',  Depth: 'string'"),
+            DaemonRunner::logLine("Warning", "BaseParser:logMissingAttribute",
+                                  "Missing attribute 'pos_x'.  Defaulting to '0'.  File: '" +
+                                      translationFile + "',  Depth: 'string'"),
+            DaemonRunner::logLine("Warning", "BaseParser:logMissingAttribute",
+                                  "Missing attribute 'pos_y'.  Defaulting to '0'.  File: '" +
+                                      translationFile + "',  Depth: 'string'"),
+            DaemonRunner::logLine(
+                "Warning", "TranslationParser:startElement",
+                "Duplicate string 'mice-available' found.  The duplicate is being ignored"),
+            DaemonRunner::logLine("Warning", "TranslationParser:startElement",
+                                  "Duplicate language 'fr' found.  The duplicate is being ignored"),
+            DaemonRunner::logLine("Warning", "BaseParser:logMissingAttribute",
+                                  "Missing attribute 'id'.  Defaulting to ''.  File: '" +
+                                      translationFile + "',  Depth: 'top'"),
+            DaemonRunner::logLine("Warning", "TranslationParser:startElement", "id is empty"),
         };
         int previous = indexOf(lines, establishedLine);
         QVERIFY(previous >= 0);
