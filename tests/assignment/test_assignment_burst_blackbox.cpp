@@ -106,8 +106,7 @@ private Q_SLOTS:
                      burst);
             call("logStatus");
             QVERIFY(DaemonRunner::waitUntil([&] {
-                const QStringList lines = DaemonRunner::readLines(runner.defaultLogFile());
-                return lines
+                return DaemonRunner::readLines(runner.defaultLogFile())
                            .filter(DaemonRunner::logMessage(
                                "There are 0 display configuration(s) active:"))
                            .size() == burst;
