@@ -490,12 +490,14 @@ bool DisplayConfiguration::createXImage()
         SELVANE_LOG(LEVEL_WARNING, "Could not find format");
         return false;
     }
-    const QImage upload =
-        image.convertToFormat(sixteenBits ? QImage::Format_RGB16 : QImage::Format_RGB32);
+    // The picture is converted to the server's pixel layout where it stands:
+    // from the painted 32-bit picture that needs no second buffer, which on a
+    // 3840x2160 screen would be 33 MB to fill and free again on every redraw.
+    image.convertTo(sixteenBits ? QImage::Format_RGB16 : QImage::Format_RGB32);
     const uint32_t stride =
-        ((upload.width() * bitsPerPixel + format->scanline_pad - 1) / format->scanline_pad) *
+        ((image.width() * bitsPerPixel + format->scanline_pad - 1) / format->scanline_pad) *
         format->scanline_pad / 8;
-    const QByteArray rows = paddedRows(upload, stride);
+    const QByteArray rows = paddedRows(image, stride);
     // One PutImage request carries at most the server's maximum request
     // length (in 4-byte units): a big picture goes up in bands of rows.
     const uint32_t maximumBytes = xcb_get_maximum_request_length(c) * 4;
@@ -506,8 +508,8 @@ bool DisplayConfiguration::createXImage()
         return false;
     }
 
-    const auto imageWidth = static_cast<uint16_t>(upload.width());
-    const auto imageHeight = static_cast<uint16_t>(upload.height());
+    const auto imageWidth = static_cast<uint16_t>(image.width());
+    const auto imageHeight = static_cast<uint16_t>(image.height());
     pixmap = xcb_generate_id(c);
     xcb_create_pixmap(c, depth, pixmap, window, imageWidth, imageHeight);
     if (gc) {
