@@ -182,6 +182,18 @@ bool UinputDevice::writeToNode(int type, int code, int value)
     return written;
 }
 
+int UinputDevice::ledBits() const
+{
+    const int node = ::open(QFile::encodeName(nodePath).constData(), O_RDONLY | O_CLOEXEC);
+    if (node == -1) {
+        return -1;
+    }
+    unsigned char bits[LED_MAX / 8 + 1] = {};
+    const int result = ::ioctl(node, EVIOCGLED(sizeof(bits)), bits);
+    ::close(node);
+    return result < 0 ? -1 : bits[0] | bits[1] << 8;
+}
+
 QVector<UinputLedEvent> UinputDevice::takeLedEvents()
 {
     QVector<UinputLedEvent> leds;

@@ -54,6 +54,10 @@ public:
     // Writes one event to the event node as any evdev client would, e.g. to
     // set an LED the way a desktop does before the code under test opens it.
     bool writeToNode(int type, int code, int value);
+    // The LED bits the kernel holds for the device, as any evdev client reads
+    // them (EVIOCGLED on the event node): bit n is LED code n. -1 when the
+    // node cannot be read.
+    int ledBits() const;
 
     // Every LED event forwarded since the last call, oldest first. The kernel
     // forwards a written LED event during the writer's write(), so whatever a

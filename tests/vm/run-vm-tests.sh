@@ -67,6 +67,8 @@ busybox=${SELVANE_VM_BUSYBOX:-/bin/busybox}
 if ldd "$busybox" >/dev/null 2>&1; then
     skip "$busybox is dynamically linked (install busybox-static)"
 fi
+# Programs that need the central object start a private session bus in the VM.
+command -v dbus-daemon >/dev/null || skip "dbus-daemon is not installed (package dbus-daemon)"
 
 # The newest kernel image that has its modules, uinput among them, installed.
 version=

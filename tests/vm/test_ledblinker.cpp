@@ -7,7 +7,6 @@
 #include "input/LedBlinker.h"
 
 #include <linux/input.h>
-#include <sys/ioctl.h>
 
 #include <cerrno>
 #include <cstring>
@@ -81,7 +80,7 @@ private Q_SLOTS:
 
         blinker.reset();
         QCOMPARE(keyboard.takeLedEvents(), restored);
-        QCOMPARE(ledBits(device.getFd()), 1 << LED_NUML);
+        QCOMPARE(keyboard.ledBits(), 1 << LED_NUML);
     }
 
     void ledCodesUpTo14AreWrittenAndAbove14Rejected()
@@ -170,17 +169,6 @@ private Q_SLOTS:
             QCOMPARE(entry.function, QString("restoreLedState"));
         }
         QVERIFY(device.getFd() != -1);
-    }
-
-private:
-    // The LED bits the kernel holds for the device.
-    static int ledBits(int fd)
-    {
-        unsigned char bits[LED_MAX / 8 + 1] = {};
-        if (::ioctl(fd, EVIOCGLED(sizeof(bits)), bits) < 0) {
-            return -1;
-        }
-        return bits[0] | bits[1] << 8;
     }
 };
 
