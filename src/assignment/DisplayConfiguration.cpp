@@ -84,7 +84,7 @@ QByteArray paddedRows(const QImage& upload, uint32_t stride)
     QByteArray rows(static_cast<int>(stride * upload.height()), '\0');
     const int used = qMin<int>(upload.bytesPerLine(), static_cast<int>(stride));
     for (int y = 0; y < upload.height(); ++y) {
-        memcpy(rows.data() + y * stride, upload.constScanLine(y), used);
+        memcpy(rows.data() + static_cast<size_t>(y) * stride, upload.constScanLine(y), used);
     }
     return rows;
 }
@@ -138,25 +138,19 @@ void DisplayConfiguration::assignmentKeyPressed(const EventDevice* device)
         SELVANE_LOG(LEVEL_BUG, "eventDevice is NULL");
         return;
     }
-    QString deviceKind;
-    State nextState = state;
-    if (state == STATE_CONFIGURING_KEYBOARD) {
-        deviceKind = QStringLiteral("KeyboardDevice");
-        nextState = STATE_KEYBOARD_CONFIGURED;
-    } else if (state == STATE_CONFIGURING_MOUSE) {
-        deviceKind = QStringLiteral("MouseDevice");
-        nextState = STATE_MOUSE_CONFIGURED;
-    } else {
+    if (state != STATE_CONFIGURING_KEYBOARD && state != STATE_CONFIGURING_MOUSE) {
         SELVANE_LOG(LEVEL_BUG, "State is invalid for handling assignment key.  State: " +
                                    stateToString(state));
         return;
     }
+    const bool keyboard = state == STATE_CONFIGURING_KEYBOARD;
     // The platform's answer is never needed: the state moves on regardless.
-    dbus.getAssignmentInterface()->call(QDBus::NoBlock, QStringLiteral("DeviceAssignedAuto"),
-                                        device->getDeviceFileName(), displayId, deviceKind);
+    dbus.getAssignmentInterface()->call(
+        QDBus::NoBlock, QStringLiteral("DeviceAssignedAuto"), device->getDeviceFileName(),
+        displayId, keyboard ? QStringLiteral("KeyboardDevice") : QStringLiteral("MouseDevice"));
     // Changed before the signal, so that its receivers see the new state.
-    state = nextState;
-    if (state == STATE_KEYBOARD_CONFIGURED) {
+    state = keyboard ? STATE_KEYBOARD_CONFIGURED : STATE_MOUSE_CONFIGURED;
+    if (keyboard) {
         Q_EMIT keyboardAssigned(this, device);
     } else {
         Q_EMIT mouseAssigned(this, device);
@@ -523,7 +517,7 @@ bool DisplayConfiguration::createXImage()
         const uint32_t bandHeight = qMin<uint32_t>(bandRows, imageHeight - top);
         xcb_put_image(c, XCB_IMAGE_FORMAT_Z_PIXMAP, pixmap, gc, imageWidth,
                       static_cast<uint16_t>(bandHeight), 0, static_cast<int16_t>(top), 0, depth,
-                      bandHeight * stride, data + top * stride);
+                      bandHeight * stride, data + static_cast<size_t>(top) * stride);
     }
     xcb_flush(c);
     return true;

@@ -22,7 +22,7 @@ Handler* handlerOf(Selvane* selvane, Handler* (Selvane::*getter)(), const char* 
     }
     Handler* handler = (selvane->*getter)();
     if (!handler) {
-        SELVANE_LOG(LEVEL_BUG, nullMessage);
+        SELVANE_LOG(LEVEL_BUG, QString::fromLatin1(nullMessage));
     }
     return handler;
 }
