@@ -21,6 +21,7 @@ packages=(
     fonts-dejavu-core
     librsvg2-bin
     xvfb libxcb-xfixes0-dev
+    xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils
 )
 
 install_missing_packages() {

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <QString>
+#include "XServerProcess.h"
 
-#include <sys/types.h>
+#include <QString>
 
 // One Xvfb server for a test: "Xvfb :N -screen 0 <screen> -nolisten tcp" on a
 // display number that was free, ready to accept connections when start()
@@ -15,7 +15,6 @@ class XvfbServer
 public:
     // screen: "WIDTHxHEIGHTxDEPTH", e.g. "1024x768x24".
     explicit XvfbServer(QString screen = QStringLiteral("1024x768x24"));
-    ~XvfbServer();
 
     XvfbServer(const XvfbServer&) = delete;
     XvfbServer& operator=(const XvfbServer&) = delete;
@@ -28,14 +27,12 @@ public:
     // Ends the server at once (SIGKILL) and reaps it.
     void kill();
 
-    bool isRunning() const { return pid > 0; }
+    bool isRunning() const { return process.isRunning(); }
     int getDisplayNumber() const { return displayNumber; }
     QString getDisplayName() const { return QStringLiteral(":%1").arg(displayNumber); }
 
 private:
-    void stop(int signal);
-
     QString screen;
-    pid_t pid = -1;
+    XServerProcess process;
     int displayNumber = -1;
 };

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <sys/types.h>
+
+// One X server program run by a test. It is started with "-displayfd": the
+// server writes its display number to that descriptor once it accepts
+// clients (after choosing a free number itself when the arguments name none),
+// so starting waits for exactly that, with a deadline, and never a fixed time.
+// The destructor ends the server.
+class XServerProcess
+{
+public:
+    XServerProcess() = default;
+    ~XServerProcess();
+
+    XServerProcess(const XServerProcess&) = delete;
+    XServerProcess& operator=(const XServerProcess&) = delete;
+
+    // Starts `program` (looked up in PATH) with `arguments` and "-displayfd",
+    // its standard output and error going to `outputFile`, or nowhere when it
+    // is empty. Returns the display number that the server announced; -1 when
+    // it could not be run, ended or stayed silent for too long (it is then
+    // killed).
+    int start(const QString& program, const QStringList& arguments,
+              const QString& outputFile = QString());
+    // Sends `signal` and reaps the server; one that does not end in time is
+    // killed. SIGTERM lets it remove its lock file and socket.
+    void stop(int signal);
+
+    bool isRunning() const { return pid > 0; }
+
+private:
+    pid_t pid = -1;
+};

@@ -1,0 +1,48 @@
+#pragma once
+
+#include "XServerProcess.h"
+
+#include <QSize>
+#include <QString>
+#include <QTemporaryDir>
+
+// A real X.Org server on Debian's dummy video driver, for the tests that need
+// what Xvfb cannot do: change the screen's size through RandR. It runs on a
+// free display number with a configuration of its own, written into a
+// temporary directory: no input devices, and a 24-bit screen that starts at
+// 1920x1080 with the modes 1920x1080, 1280x1024 and 1024x768 (the last at 60
+// and at 75 Hz, so that the mode can change while the size stays). Run by
+// root, the server shares the active virtual terminal without switching to it
+// or reading its input; run by another user, it opens none. The destructor
+// ends it.
+class XorgDummyServer
+{
+public:
+    XorgDummyServer() = default;
+    ~XorgDummyServer() = default;
+
+    XorgDummyServer(const XorgDummyServer&) = delete;
+    XorgDummyServer& operator=(const XorgDummyServer&) = delete;
+
+    // Starts the server; false when it cannot run here, getFailure() says why.
+    bool start();
+    // Why start() failed: what is not installed, or the server's own error.
+    QString getFailure() const { return failure; }
+
+    int getDisplayNumber() const { return displayNumber; }
+    QString getDisplayName() const { return QStringLiteral(":%1").arg(displayNumber); }
+
+    // Switches the screen to its mode of this size with "xrandr -s", at the
+    // refresh rate in Hz unless it is 0; true when xrandr succeeded.
+    bool setScreenSize(QSize size, int refreshRate = 0) const;
+
+private:
+    bool fail(const QString& reason);
+    // The fatal error that the server wrote on its standard error.
+    QString fatalError() const;
+
+    QTemporaryDir dir;
+    XServerProcess process;
+    int displayNumber = -1;
+    QString failure;
+};
