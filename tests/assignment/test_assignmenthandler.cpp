@@ -1,9 +1,10 @@
 // The assignment handler with emulated keyboards and mice (umockdev) and
-// display numbers without an X server: the unassigned devices and their
-// blinkers, the 39 assignment keys, the hand-over of the mouse button between
-// displays and what reaches the platform (the simulator's record).
+// display numbers without an X server (one test uses an Xvfb station): the unassigned devices and
+// their blinkers, the 39 assignment keys, the hand-over of the mouse button between displays and
+// what reaches the platform (the simulator's record).
 #include "OverlayTestBed.h"
 #include "UmockdevTestbed.h"
+#include "XvfbServer.h"
 
 #include "assignment/AssignmentAction.h"
 #include "assignment/AssignmentHandler.h"
@@ -171,6 +172,24 @@ private Q_SLOTS:
         handler->removeUnassignedDevice(node + " ");
         QVERIFY(bed->getLog().entries().isEmpty());
         QCOMPARE(handler->getUnassignedDevices().size(), 1);
+    }
+
+    void removingAnUnknownNameStillRedrawsEveryOverlay()
+    {
+        XvfbServer station;
+        QVERIFY(station.start());
+        handler->configureKeyboard(station.getDisplayNumber(), 2);
+        handler->update();
+        // Every composition of the keyboard picture asks for the counts first.
+        const int composed = compositions();
+        QVERIFY(composed >= 1);
+        handler->update();
+        QCOMPARE(compositions(), composed);
+
+        handler->removeUnassignedDevice("/dev/input/event42");
+        QCOMPARE(compositions(), composed); // only marked, drawn at the next update
+        handler->update();
+        QCOMPARE(compositions(), composed + 1);
     }
 
     void configureKeyboardBindsTheStationsKey()
@@ -561,6 +580,19 @@ private:
         return leds;
     }
 
+    // The keyboard pictures composed so far, counted by their first database
+    // call, once every call made before this one has been recorded.
+    int compositions()
+    {
+        marker();
+        return static_cast<int>(
+            bed->getSimulator()
+                .calls()
+                .filter(
+                    QRegularExpression("^com\\.orvanta\\.DB\\.DeviceGetNumberOfAssignedKeyboards$"))
+                .size());
+    }
+
     // Presses and releases a key on an emulated device and lets the handler
     // read both.
     void type(const QString& node, int key)
@@ -591,5 +623,5 @@ private:
     std::unique_ptr<AssignmentHandler> handler;
 };
 
-SELVANE_OVERLAY_TEST_MAIN(AssignmentHandlerTest, false)
+SELVANE_OVERLAY_TEST_MAIN(AssignmentHandlerTest, true)
 #include "test_assignmenthandler.moc"
