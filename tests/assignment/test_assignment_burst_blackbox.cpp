@@ -131,10 +131,7 @@ private Q_SLOTS:
 private:
     void call(const QString& method, const QVariantList& arguments = {})
     {
-        QDBusMessage message = QDBusMessage::createMethodCall(
-            "com.orvanta.selvane", "/", "com.orvanta.selvane.DBusInterface", method);
-        message.setArguments(arguments);
-        const QDBusMessage reply = platform.call(message);
+        const QDBusMessage reply = platform.call(DaemonRunner::daemonCall(method, arguments));
         QVERIFY2(reply.type() == QDBusMessage::ReplyMessage, qPrintable(reply.errorMessage()));
     }
 
@@ -144,10 +141,7 @@ private:
     {
         QList<QDBusPendingCall> pending;
         const auto send = [&](const QString& method, const QVariantList& arguments) {
-            QDBusMessage message = QDBusMessage::createMethodCall(
-                "com.orvanta.selvane", "/", "com.orvanta.selvane.DBusInterface", method);
-            message.setArguments(arguments);
-            pending.append(platform.asyncCall(message));
+            pending.append(platform.asyncCall(DaemonRunner::daemonCall(method, arguments)));
         };
         for (int i = 0; i < devicesPerBurst; ++i) {
             // Outside /dev: umockdev's preload library keeps a fixed-size table

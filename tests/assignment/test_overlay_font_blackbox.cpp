@@ -8,7 +8,6 @@
 #include <QRegularExpression>
 #include <QtTest>
 
-#include <csignal>
 #include <memory>
 
 namespace {
@@ -16,15 +15,10 @@ namespace {
 const QString fontFile = QStringLiteral("/usr/share/orvanta/images/DejaVuSans.ttf");
 const QString debianFont = QStringLiteral("/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf");
 
-QRegularExpression logLine(const QString& level, const QString& message)
+QRegularExpression fontLine(const QString& level, const QString& message)
 {
-    return QRegularExpression(R"(^\[[^\]]+\] \[)" + level +
-                              R"(\] \[DisplayConfiguration:initTranslations:\d+\] )" +
-                              QRegularExpression::escape(message) + "$");
+    return DaemonRunner::logLine(level, "DisplayConfiguration:initTranslations", message);
 }
-
-const QRegularExpression
-    establishedLine(R"(\[DBusInterface:connect:\d+\] Connection established$)");
 
 } // namespace
 
@@ -51,7 +45,7 @@ private Q_SLOTS:
         QVERIFY2(font.open(QIODevice::ReadOnly), "fonts-dejavu-core is not installed");
         QVERIFY(writeFile(share + "/images/DejaVuSans.ttf", font.readAll()));
         const QStringList lines = startDaemon();
-        const QRegularExpression loaded = logLine("Info", "Loaded default font " + fontFile);
+        const QRegularExpression loaded = fontLine("Info", "Loaded default font " + fontFile);
         QCOMPARE(matching(lines, loaded), 1);
         QCOMPARE(matching(lines, QRegularExpression("default font")), 1);
         stopDaemon();
@@ -61,7 +55,7 @@ private Q_SLOTS:
     {
         const QStringList lines = startDaemon();
         const QRegularExpression missing =
-            logLine("Warning", "Could not load default font " + fontFile);
+            fontLine("Warning", "Could not load default font " + fontFile);
         QCOMPARE(matching(lines, missing), 1);
         QCOMPARE(matching(lines, QRegularExpression("default font")), 1);
         stopDaemon();
@@ -81,23 +75,16 @@ private:
     // joins after the font's registration.
     QStringList startDaemon()
     {
-        const DaemonRunner::Result result = runner->run({"-c", config});
-        if (result.status != 0) {
-            qWarning("the daemon's foreground process ended with %d", result.status);
-            return {};
-        }
-        daemon = runner->waitForDaemon();
-        if (daemon > 0) {
-            DaemonRunner::waitForLine(runner->defaultLogFile(), establishedLine);
-        }
+        daemon = runner->startDaemon(
+            {"-c", config},
+            DaemonRunner::logLine("Info", "DBusInterface:connect", "Connection established"));
         return DaemonRunner::readLines(runner->defaultLogFile());
     }
 
     void stopDaemon()
     {
         QVERIFY(daemon > 0);
-        QCOMPARE(kill(daemon, SIGTERM), 0);
-        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        QCOMPARE(DaemonRunner::stopDaemon(daemon), 0);
     }
 
     std::unique_ptr<DaemonRunner> runner;

@@ -34,10 +34,7 @@ private:
 
 void DBusFirstJobTest::call(const QString& method, const QVariantList& arguments)
 {
-    QDBusMessage message = QDBusMessage::createMethodCall(
-        "com.orvanta.selvane", "/", "com.orvanta.selvane.DBusInterface", method);
-    message.setArguments(arguments);
-    const QDBusMessage reply = platform.call(message);
+    const QDBusMessage reply = platform.call(DaemonRunner::daemonCall(method, arguments));
     QVERIFY2(reply.type() == QDBusMessage::ReplyMessage, qPrintable(reply.errorMessage()));
 }
 

@@ -368,10 +368,7 @@ void DBusInterfaceTest::configurationCompleteIsSeenAtTheNextTick()
     const QString removed =
         QStringLiteral("Removing display configuration on display :97 on station 4.");
     const auto callDaemon = [this](const QString& method, const QVariantList& arguments) {
-        QDBusMessage call =
-            QDBusMessage::createMethodCall("com.orvanta.selvane", "/", interfaceName, method);
-        call.setArguments(arguments);
-        QDBusPendingCall pending = caller.asyncCall(call);
+        QDBusPendingCall pending = caller.asyncCall(DaemonRunner::daemonCall(method, arguments));
         return DaemonRunner::waitUntil([&] { return pending.isFinished(); }, 5000) &&
                pending.reply().type() == QDBusMessage::ReplyMessage;
     };

@@ -334,3 +334,32 @@ QRegularExpression DaemonRunner::logLine(const QString& level, const QString& pl
                               QRegularExpression::escape(place) + line + R"(\] )" +
                               QRegularExpression::escape(message) + "$");
 }
+
+pid_t DaemonRunner::startDaemon(const QStringList& arguments, const QRegularExpression& readyLine)
+{
+    if (run(arguments).status != 0) {
+        return 0;
+    }
+    const pid_t daemon = waitForDaemon();
+    if (daemon <= 0 || !waitForLine(defaultLogFile(), readyLine)) {
+        return 0;
+    }
+    return daemon;
+}
+
+int DaemonRunner::stopDaemon(pid_t daemon)
+{
+    if (daemon <= 0 || kill(daemon, SIGTERM) != 0) {
+        return -1;
+    }
+    return waitForExit(daemon);
+}
+
+QDBusMessage DaemonRunner::daemonCall(const QString& method, const QVariantList& arguments)
+{
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(QStringLiteral("com.orvanta.selvane"), QStringLiteral("/"),
+                                       QStringLiteral("com.orvanta.selvane.DBusInterface"), method);
+    call.setArguments(arguments);
+    return call;
+}

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QCoreApplication>
+#include <QDBusMessage>
 #include <QHash>
 #include <QList>
 #include <QProcess>
@@ -9,6 +10,7 @@
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
+#include <QVariantList>
 #include <QtTest>
 
 #include <cstdio>
@@ -64,6 +66,16 @@ public:
     // Runs orvanta-selvane with the arguments in the foreground and waits for
     // it; kills it after the time-out.
     Result run(const QStringList& arguments, int timeoutMs = defaultTimeoutMs);
+
+    // Starts the daemon and waits until its log has a line matching
+    // readyLine. Returns the daemon's pid, 0 when it did not get that far.
+    pid_t startDaemon(const QStringList& arguments, const QRegularExpression& readyLine);
+    // Asks a daemon to quit with SIGTERM and returns its exit status
+    // (see waitForExit).
+    static int stopDaemon(pid_t daemon);
+
+    // A call of a method of the daemon's D-Bus service, to be sent.
+    static QDBusMessage daemonCall(const QString& method, const QVariantList& arguments = {});
 
     // Daemon processes adopted by the test process and not yet waited for,
     // as they are at this moment.

@@ -134,15 +134,7 @@ private:
     // which comes after the translations, has been read.
     QStringList startDaemon()
     {
-        const DaemonRunner::Result result = runner->run({"-c", config});
-        if (result.status != 0) {
-            qWarning("the daemon's foreground process ended with %d", result.status);
-            return {};
-        }
-        daemon = runner->waitForDaemon();
-        if (daemon > 0) {
-            DaemonRunner::waitForLine(runner->defaultLogFile(), keysParsedLine);
-        }
+        daemon = runner->startDaemon({"-c", config}, keysParsedLine);
         return DaemonRunner::readLines(runner->defaultLogFile());
     }
 
@@ -151,8 +143,7 @@ private:
     {
         QVERIFY(daemon > 0);
         QCOMPARE(kill(daemon, 0), 0);
-        QCOMPARE(kill(daemon, SIGTERM), 0);
-        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        QCOMPARE(DaemonRunner::stopDaemon(daemon), 0);
         QVERIFY(DaemonRunner::waitForLine(runner->defaultLogFile(), exitLine));
     }
 
