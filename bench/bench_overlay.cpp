@@ -35,7 +35,7 @@
 #include "translation/TranslationLanguage.h"
 
 #include <QCryptographicHash>
-#include <QDBusInterface>
+#include <QDBusAbstractInterface>
 #include <QDBusReply>
 #include <QFile>
 #include <QGuiApplication>
@@ -124,7 +124,7 @@ Timing measureRuns(
 // The four calls setupKeyboardImage() makes, in its order.
 void callDatabase(DBusInterface& dbus)
 {
-    QDBusInterface* database = dbus.getDatabaseInterface();
+    QDBusAbstractInterface* database = dbus.getDatabaseInterface();
     const QDBusReply<int> assigned =
         database->call(QStringLiteral("DeviceGetNumberOfAssignedKeyboards"));
     const QDBusReply<int> unassigned =

@@ -9,13 +9,16 @@
 #include "Paths.h"
 
 #include <QDBusReply>
+#include <QDeadlineTimer>
 #include <QFontDatabase>
 #include <QPainter>
 
 #include <xcb/randr.h>
+#include <xcb/xcbext.h>
 
 #include <array>
 #include <cstring>
+#include <poll.h>
 
 namespace {
 constexpr char logSource[] = "DisplayConfiguration";
@@ -35,6 +38,10 @@ constexpr int previousKeyX = 518;
 constexpr int assignmentKeyX = 595;
 constexpr int nextKeyX = 672;
 constexpr int keyLabelY = 390;
+
+// The longest the daemon's one thread waits for the server's atom replies
+// when it opens a display, the same bound as for a platform service.
+constexpr int atomReplyTimeoutMs = 2000;
 
 // A PutImage request has a 24-byte header, 28 with the BIG-REQUESTS length.
 constexpr uint32_t putImageHeaderBytes = 28;
@@ -87,6 +94,37 @@ QByteArray paddedRows(const QImage& upload, uint32_t stride)
         memcpy(rows.data() + static_cast<size_t>(y) * stride, upload.constScanLine(y), used);
     }
     return rows;
+}
+
+xcb_intern_atom_cookie_t internAtom(xcb_connection_t* c, const char* name)
+{
+    return xcb_intern_atom(c, 0, static_cast<uint16_t>(strlen(name)), name);
+}
+
+// The reply of an atom request, read without blocking until the deadline.
+// xcb_intern_atom_reply() would wait as long as the server takes, for ever
+// when it is stopped. Null when there is no reply by then; a late reply is
+// then thrown away by xcb when it comes.
+XcbPointer<xcb_intern_atom_reply_t> waitForAtomReply(xcb_connection_t* c,
+                                                     xcb_intern_atom_cookie_t cookie,
+                                                     const QDeadlineTimer& deadline)
+{
+    pollfd readable{xcb_get_file_descriptor(c), POLLIN, 0};
+    for (;;) {
+        void* reply = nullptr;
+        xcb_generic_error_t* error = nullptr;
+        if (xcb_poll_for_reply(c, cookie.sequence, &reply, &error)) {
+            const XcbPointer<xcb_generic_error_t> ignoredError(error);
+            return XcbPointer<xcb_intern_atom_reply_t>(
+                static_cast<xcb_intern_atom_reply_t*>(reply));
+        }
+        const qint64 left = deadline.remainingTime();
+        if (left == 0) {
+            xcb_discard_reply(c, cookie.sequence);
+            return nullptr;
+        }
+        poll(&readable, 1, static_cast<int>(left));
+    }
 }
 
 } // namespace
@@ -332,11 +370,22 @@ bool DisplayConfiguration::openDisplay()
     xcb_change_property(c, XCB_PROP_MODE_REPLACE, window, XCB_ATOM_WM_NAME, XCB_ATOM_STRING, 8,
                         sizeof(windowName) - 1, windowName);
 
-    wmStateAtom = getAtom("_NET_WM_STATE");
-    wmStateAboveAtom = getAtom("_NET_WM_STATE_ABOVE");
-    wmStateStaysOnTopAtom = getAtom("_NET_WM_STATE_STAYS_ON_TOP");
+    // All four atoms are asked for before any reply is read: one round trip,
+    // and one deadline for the lot.
+    const std::array<const char*, 3> stateNames = {"_NET_WM_STATE", "_NET_WM_STATE_ABOVE",
+                                                   "_NET_WM_STATE_STAYS_ON_TOP"};
+    std::array<xcb_intern_atom_cookie_t, 3> stateCookies{};
+    for (size_t i = 0; i < stateNames.size(); ++i) {
+        stateCookies[i] = internAtom(c, stateNames[i]);
+    }
+    const xcb_intern_atom_cookie_t motifCookie = internAtom(c, motifWmHintsName);
+    xcb_flush(c);
+    const QDeadlineTimer deadline(atomReplyTimeoutMs);
+    wmStateAtom = getAtom(stateNames[0], stateCookies[0], deadline);
+    wmStateAboveAtom = getAtom(stateNames[1], stateCookies[1], deadline);
+    wmStateStaysOnTopAtom = getAtom(stateNames[2], stateCookies[2], deadline);
 
-    hideBorder();
+    hideBorder(motifCookie, deadline);
     hideCursor();
     raiseWindow();
     setWmStateBeforeMapping({wmStateAboveAtom, wmStateStaysOnTopAtom});
@@ -346,7 +395,8 @@ bool DisplayConfiguration::openDisplay()
     return true;
 }
 
-xcb_atom_t DisplayConfiguration::getAtom(const char* name)
+xcb_atom_t DisplayConfiguration::getAtom(const char* name, xcb_intern_atom_cookie_t cookie,
+                                         const QDeadlineTimer& deadline)
 {
     if (!name) {
         SELVANE_LOG(LEVEL_BUG, "atomName is NULL");
@@ -355,9 +405,8 @@ xcb_atom_t DisplayConfiguration::getAtom(const char* name)
     if (!connection) {
         return 0;
     }
-    const XcbPointer<xcb_intern_atom_reply_t> reply(xcb_intern_atom_reply(
-        connection.get(),
-        xcb_intern_atom(connection.get(), 0, static_cast<uint16_t>(strlen(name)), name), nullptr));
+    const XcbPointer<xcb_intern_atom_reply_t> reply =
+        waitForAtomReply(connection.get(), cookie, deadline);
     if (!reply) {
         SELVANE_LOG(LEVEL_WARNING, "Could not get atom reply for atom: %s", name);
         return 0;
@@ -365,14 +414,15 @@ xcb_atom_t DisplayConfiguration::getAtom(const char* name)
     return reply->atom;
 }
 
-void DisplayConfiguration::hideBorder()
+void DisplayConfiguration::hideBorder(xcb_intern_atom_cookie_t motifWmHintsCookie,
+                                      const QDeadlineTimer& deadline)
 {
     if (!connection) {
         return;
     }
     xcb_connection_t* c = connection.get();
-    const XcbPointer<xcb_intern_atom_reply_t> reply(xcb_intern_atom_reply(
-        c, xcb_intern_atom(c, 0, sizeof(motifWmHintsName) - 1, motifWmHintsName), nullptr));
+    const XcbPointer<xcb_intern_atom_reply_t> reply =
+        waitForAtomReply(c, motifWmHintsCookie, deadline);
     if (!reply) {
         return;
     }

@@ -13,6 +13,7 @@
 
 class DBusInterface;
 class EventDevice;
+class QDeadlineTimer;
 class QPainter;
 class Selvane;
 class TranslationLanguage;
@@ -26,7 +27,10 @@ class TranslationLanguage;
 //
 // Everything runs on the main thread: update() polls X events and never
 // blocks; the only waits are the D-Bus calls for the locale, the device counts
-// and the station tags, and the atom replies when the display is opened.
+// and the station tags, and the atom replies when the display is opened, each
+// bounded to 2 s. A server that stops reading can still hold the thread in
+// xcb_connect(), in the extension queries and in any write once its socket is
+// full (the upload of a picture fills it at once).
 class DisplayConfiguration : public QObject
 {
     Q_OBJECT
@@ -86,8 +90,10 @@ public:
 
     // The X side.
     bool openDisplay();
-    xcb_atom_t getAtom(const char* name);
-    void hideBorder();
+    // The atom asked for with `cookie`, read before the deadline; 0 without a reply.
+    xcb_atom_t getAtom(const char* name, xcb_intern_atom_cookie_t cookie,
+                       const QDeadlineTimer& deadline);
+    void hideBorder(xcb_intern_atom_cookie_t motifWmHintsCookie, const QDeadlineTimer& deadline);
     void hideCursor();
     void raiseWindow();
     void setWmStateBeforeMapping(QVector<unsigned int> atoms);

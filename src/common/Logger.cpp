@@ -1,7 +1,8 @@
 #include "common/Logger.h"
 
+#include "common/RemoteObjectProxy.h"
+
 #include <QDBusConnection>
-#include <QDBusInterface>
 #include <QDateTime>
 #include <QFileInfo>
 #include <QMessageLogContext>
@@ -260,7 +261,7 @@ void Logger::connectToDBus()
         return;
     }
     delete dbusProxy;
-    dbusProxy = new QDBusInterface(dbusServiceName, dbusObjectPath, QString(), connection);
+    dbusProxy = new RemoteObjectProxy(dbusServiceName, dbusObjectPath, QString(), connection);
     if (!dbusProxy->isValid()) {
         delete dbusProxy;
         dbusProxy = nullptr;

@@ -4,9 +4,9 @@
 #include <QObject>
 #include <QString>
 
-class QDBusInterface;
-
 namespace Orvanta {
+
+class RemoteObjectProxy;
 
 // Process-wide logging singleton. Every message is timestamped, emitted as the
 // `message` signal and written to each channel (standard output, file, D-Bus
@@ -77,7 +77,7 @@ private:
     QString dbusServiceName;
     QString dbusObjectPath;
     QString dbusMethodName;
-    QDBusInterface* dbusProxy = nullptr;
+    RemoteObjectProxy* dbusProxy = nullptr;
 
     static Logger* instance;
 };

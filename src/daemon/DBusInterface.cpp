@@ -12,19 +12,21 @@ namespace {
 constexpr char logSource[] = "DBusInterface";
 constexpr char serviceName[] = "com.orvanta.selvane";
 constexpr char objectPath[] = "/";
+constexpr char databaseService[] = "com.orvanta.DB";
+constexpr char sessionControllerService[] = "com.orvanta.Controllers.Session";
+constexpr char assignmentService[] = "com.orvanta.Assignment";
 } // namespace
 
 DBusInterface::DBusInterface(Selvane* owner)
     : selvane(owner),
-      databaseInterface(QStringLiteral("com.orvanta.DB"), QStringLiteral("/com/orvanta/DB"),
-                        QStringLiteral("com.orvanta.DB"), QDBusConnection::sessionBus()),
-      sessionControllerInterface(QStringLiteral("com.orvanta.Controllers.Session"),
+      // Each platform service's interface has the service's name.
+      databaseInterface(databaseService, QStringLiteral("/com/orvanta/DB"), databaseService,
+                        QDBusConnection::sessionBus()),
+      sessionControllerInterface(sessionControllerService,
                                  QStringLiteral("/com/orvanta/Controllers/Session"),
-                                 QStringLiteral("com.orvanta.Controllers.Session"),
-                                 QDBusConnection::sessionBus()),
-      assignmentInterface(QStringLiteral("com.orvanta.Assignment"),
-                          QStringLiteral("/com/orvanta/Assignment"),
-                          QStringLiteral("com.orvanta.Assignment"), QDBusConnection::sessionBus())
+                                 sessionControllerService, QDBusConnection::sessionBus()),
+      assignmentInterface(assignmentService, QStringLiteral("/com/orvanta/Assignment"),
+                          assignmentService, QDBusConnection::sessionBus())
 {
     if (!selvane) {
         SELVANE_LOG(LEVEL_BUG, "selvane is NULL");

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <QDBusInterface>
+#include "common/RemoteObjectProxy.h"
+
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -30,9 +31,10 @@ public:
     // Executes and drains the queued commands, first in, first out.
     void update();
 
-    QDBusInterface* getDatabaseInterface() { return &databaseInterface; }
-    QDBusInterface* getSessionControllerInterface() { return &sessionControllerInterface; }
-    QDBusInterface* getAssignmentInterface() { return &assignmentInterface; }
+    // The platform's services; a blocking call to one waits at most 2 s.
+    QDBusAbstractInterface* getDatabaseInterface() { return &databaseInterface; }
+    QDBusAbstractInterface* getSessionControllerInterface() { return &sessionControllerInterface; }
+    QDBusAbstractInterface* getAssignmentInterface() { return &assignmentInterface; }
 
 public Q_SLOTS:
     void deviceAddedToStation(QString devicePath, int stationId);
@@ -46,8 +48,8 @@ public Q_SLOTS:
 
 private:
     Selvane* selvane;
-    QDBusInterface databaseInterface;
-    QDBusInterface sessionControllerInterface;
-    QDBusInterface assignmentInterface;
+    Orvanta::RemoteObjectProxy databaseInterface;
+    Orvanta::RemoteObjectProxy sessionControllerInterface;
+    Orvanta::RemoteObjectProxy assignmentInterface;
     QList<DBusCommand*> commandQueue;
 };

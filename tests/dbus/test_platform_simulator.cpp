@@ -1,11 +1,14 @@
 // tools/platform-simulator answers the platform methods the daemon calls with
-// the values it was given, fails those it was told to, and records every call.
+// the values it was given, fails those it was told to, answers late or never
+// when told to, and records every call.
 
 #include "DaemonRunner.h"
 #include "PlatformSimulatorProcess.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusPendingCall>
+#include <QElapsedTimer>
 #include <QStandardPaths>
 #include <QtTest>
 
@@ -118,14 +121,55 @@ private Q_SLOTS:
                               "com.orvanta.Assignment.SelvaneStarted"}));
     }
 
+    // A slow service answers late and a hung one never, while the others go
+    // on answering at once; every call is recorded when it arrives.
+    void answersLateOrNeverWhenToldTo()
+    {
+        DaemonRunner slowBus;
+        QVERIFY(slowBus.isBusRunning());
+        const PlatformSimulatorProcess slow(slowBus.busAddress(), slowBus.path("calls"),
+                                            {"--delay", "com.orvanta.DB=1", "--hang",
+                                             "com.orvanta.Controllers.Session",
+                                             "--assigned-keyboards", "4"});
+        QVERIFY(slow.isReady());
+        QDBusConnection client = QDBusConnection::connectToBus(slowBus.busAddress(), "slow");
+        QVERIFY(client.isConnected());
+
+        QElapsedTimer clock;
+        clock.start();
+        QDBusPendingCall count =
+            client.asyncCall(message("com.orvanta.DB", "DeviceGetNumberOfAssignedKeyboards"));
+        QCOMPARE(client.call(message("com.orvanta.Assignment", "SelvaneStarted")).type(),
+                 QDBusMessage::ReplyMessage);
+        QVERIFY(!count.isFinished());
+        QVERIFY(slow.waitForCall("com.orvanta.DB.DeviceGetNumberOfAssignedKeyboards"));
+        count.waitForFinished();
+        QVERIFY2(clock.elapsed() >= 1000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(count.reply().arguments().value(0), QVariant(4));
+
+        const QDBusMessage hung = client.call(
+            message("com.orvanta.Controllers.Session", "GetLocaleForUserOnDisplay", {2}),
+            QDBus::Block, 500);
+        QCOMPARE(hung.errorName(), QString("org.freedesktop.DBus.Error.NoReply"));
+        QVERIFY(
+            slow.calls().contains("com.orvanta.Controllers.Session.GetLocaleForUserOnDisplay 2"));
+        QDBusConnection::disconnectFromBus("slow");
+    }
+
 private:
-    QDBusMessage call(const QString& service, const QString& method,
-                      const QVariantList& arguments = {})
+    static QDBusMessage message(const QString& service, const QString& method,
+                                const QVariantList& arguments = {})
     {
         QDBusMessage message = QDBusMessage::createMethodCall(
             service, "/" + QString(service).replace('.', '/'), service, method);
         message.setArguments(arguments);
-        return connection.call(message);
+        return message;
+    }
+
+    QDBusMessage call(const QString& service, const QString& method,
+                      const QVariantList& arguments = {})
+    {
+        return connection.call(message(service, method, arguments));
     }
 
     DaemonRunner bus;

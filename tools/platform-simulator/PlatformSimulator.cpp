@@ -7,6 +7,8 @@
 #include <QDBusConnection>
 #include <QDBusError>
 
+#include <algorithm>
+
 namespace {
 
 QList<SimulatedMethod> databaseMethods(const SimulatorSettings& settings)
@@ -50,7 +52,8 @@ QList<SimulatedMethod> sessionControllerMethods(const SimulatorSettings& setting
 
 } // namespace
 
-PlatformSimulator::PlatformSimulator(const SimulatorSettings& settings, CallRecorder& recorder)
+PlatformSimulator::PlatformSimulator(const SimulatorSettings& settings_, CallRecorder& recorder)
+    : settings(settings_)
 {
     services.push_back(std::make_unique<SimulatedService>(
         QStringLiteral("com.orvanta.DB"), QStringLiteral("/com/orvanta/DB"),
@@ -74,6 +77,15 @@ PlatformSimulator::~PlatformSimulator()
 
 bool PlatformSimulator::start(QString& error)
 {
+    for (const QString& name : settings.getSlowServices()) {
+        const bool known = std::any_of(services.begin(), services.end(), [&name](const auto& s) {
+            return s->getInterfaceName() == name;
+        });
+        if (!known) {
+            error = QStringLiteral("there is no service %1 to delay").arg(name);
+            return false;
+        }
+    }
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
         error = QStringLiteral("no session bus: ") + bus.lastError().message();

@@ -18,9 +18,11 @@ public:
     PlatformSimulator(const SimulatorSettings& settings, CallRecorder& recorder);
     ~PlatformSimulator();
 
-    // Registers every object and owns every name; on failure `error` says which.
+    // Registers every object and owns every name; on failure `error` says which
+    // (also a delay or hang given for a service that is not simulated).
     bool start(QString& error);
 
 private:
+    const SimulatorSettings& settings;
     std::vector<std::unique_ptr<SimulatedService>> services;
 };

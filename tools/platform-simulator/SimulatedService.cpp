@@ -6,6 +6,7 @@
 #include <QDBusConnection>
 #include <QDBusError>
 #include <QDBusMessage>
+#include <QTimer>
 
 namespace {
 constexpr char simulatedErrorName[] = "com.orvanta.Error.Simulated";
@@ -55,9 +56,20 @@ bool SimulatedService::handleMessage(const QDBusMessage& message, const QDBusCon
         return false;
     }
     recorder.record(message);
+    if (!message.isReplyRequired()) {
+        return true;
+    }
     const QDBusMessage reply = answer(message);
-    if (message.isReplyRequired()) {
+    const int delay = settings.getAnswerDelay(interfaceName);
+    if (delay == 0) {
         connection.send(reply);
+        return true;
+    }
+    // A slow or hung service: the event loop goes on, so the other services
+    // and this one's later calls are received (and recorded) as usual.
+    message.setDelayedReply(true);
+    if (delay != SimulatorSettings::neverAnswers) {
+        QTimer::singleShot(delay, this, [connection, reply] { connection.send(reply); });
     }
     return true;
 }

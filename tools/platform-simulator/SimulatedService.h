@@ -30,7 +30,9 @@ struct SimulatedMethod
 // One platform service object, e.g. "com.orvanta.DB" at "/com/orvanta/DB".
 // Every call to its interface is recorded, then answered from the method
 // table: an error reply when the settings make the method fail, when the
-// method is unknown or when the arguments do not match its signature.
+// method is unknown or when the arguments do not match its signature. The
+// answer is sent at once, after the service's delay, or never (see
+// SimulatorSettings::getAnswerDelay); introspection is always answered at once.
 class SimulatedService : public QDBusVirtualObject
 {
     Q_OBJECT

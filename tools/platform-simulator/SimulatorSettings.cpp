@@ -75,6 +75,30 @@ bool SimulatorSettings::apply(const QString& option, const QString& value, QStri
         failing.insert(value);
         return true;
     }
+    if (option == QLatin1String("delay")) {
+        QString service;
+        QString seconds;
+        bool isNumber = false;
+        if (!splitPair(value, service, seconds)) {
+            error = QStringLiteral("delay needs SERVICE=SECONDS, not '%1'").arg(value);
+            return false;
+        }
+        const int delay = seconds.toInt(&isNumber);
+        if (!isNumber || delay < 0) {
+            error = QStringLiteral("delay needs a whole number of seconds, not '%1'").arg(seconds);
+            return false;
+        }
+        answerDelays.insert(service, delay * 1000);
+        return true;
+    }
+    if (option == QLatin1String("hang")) {
+        if (value.isEmpty()) {
+            error = QStringLiteral("hang needs a service name");
+            return false;
+        }
+        answerDelays.insert(value, neverAnswers);
+        return true;
+    }
     error = QStringLiteral("unknown setting '%1'").arg(option);
     return false;
 }

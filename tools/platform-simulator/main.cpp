@@ -29,7 +29,11 @@ constexpr char description[] =
     "  tag=name=Station 3\n"
     "  locale=5=de_DE.UTF-8\n"
     "  fail=StationGetTag\n"
-    "Counts default to 0; unknown tags and locales are answered with an empty string.";
+    "  delay=com.orvanta.DB=60\n"
+    "  hang=com.orvanta.Controllers.Session\n"
+    "Counts default to 0; unknown tags and locales are answered with an empty string.\n"
+    "A delayed or hung service still records each call when it arrives, and the\n"
+    "other services go on answering at once.";
 
 struct ValueOption
 {
@@ -50,6 +54,11 @@ constexpr ValueOption settingOptions[] = {
      "every other display (repeatable).",
      "display=locale"},
     {"fail", "Answer <method> with the error com.orvanta.Error.Simulated (repeatable).", "method"},
+    {"delay",
+     "Answer every method of <service> (e.g. com.orvanta.DB) <seconds> seconds late "
+     "(repeatable).",
+     "service=seconds"},
+    {"hang", "Never answer the methods of <service> (repeatable).", "service"},
 };
 
 int fail(const QString& message)
