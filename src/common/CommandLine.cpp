@@ -40,11 +40,13 @@ CommandLine::Result CommandLine::parse(int argc, char* argv[])
             return RESULT_HELP;
         case '?':
             return RESULT_INVALID;
+        // Paths are bytes: read as Latin-1, each byte is one character and
+        // reaches the log as it was given. openLatin1Path opens them.
         case 'l':
-            logFileName = QString::fromLocal8Bit(optarg);
+            logFileName = QString::fromLatin1(optarg);
             break;
         case 'c':
-            configFileName = QString::fromLocal8Bit(optarg);
+            configFileName = QString::fromLatin1(optarg);
             break;
         case 0: {
             const char* name = longOptions[optionIndex].name;

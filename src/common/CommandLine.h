@@ -23,6 +23,8 @@ public:
     // The usage text, eight newline-terminated lines.
     static const char* usageText();
 
+    // The paths as given, one Latin-1 character per byte; open them with
+    // openLatin1Path (common/Util.h).
     QString getLogFileName() const { return logFileName; }
     QString getConfigFileName() const { return configFileName; }
     bool isPidRequested() const { return pidRequested; }

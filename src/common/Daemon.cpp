@@ -1,14 +1,33 @@
 #include "common/Daemon.h"
 
 #include <QFile>
-#include <QFileInfo>
 
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <sys/types.h>
 #include <unistd.h>
 
 namespace Orvanta::Daemon {
+
+namespace {
+
+// What the kernel names as the executable of the process, as the link reads:
+// a deleted file ends in " (deleted)". Empty when there is no such process or
+// we may not look at its executable.
+QString executableOf(int pid)
+{
+    const QByteArray link = QByteArrayLiteral("/proc/") + QByteArray::number(pid) + "/exe";
+    char target[PATH_MAX];
+    const ssize_t length = readlink(link.constData(), target, sizeof(target));
+    if (length <= 0 || static_cast<size_t>(length) >= sizeof(target)) {
+        return QString();
+    }
+    // Decoded as QCoreApplication::applicationFilePath() decodes this same link.
+    return QFile::decodeName(QByteArray(target, static_cast<qsizetype>(length)));
+}
+
+} // namespace
 
 int getPid(QString pidFile)
 {
@@ -30,17 +49,7 @@ int getPid(QString pidFile)
 bool isProgramRunning(QString pidFile, QString programPath)
 {
     const int pid = getPid(pidFile);
-    if (pid == 0) {
-        return false;
-    }
-    const QString exeLink = QStringLiteral("/proc/%1/exe").arg(pid);
-    // QFileInfo::exists follows the link: false when there is no such process
-    // or we may not look at its executable.
-    const QFileInfo exe(exeLink);
-    if (!exe.exists()) {
-        return false;
-    }
-    return exe.symLinkTarget() == programPath;
+    return pid != 0 && executableOf(pid) == programPath;
 }
 
 bool start(QString pidFile)
@@ -68,10 +77,14 @@ bool start(QString pidFile)
     return true;
 }
 
-void stop(QString pidFile)
+void stop(QString pidFile, QString programPath)
 {
     const int pid = getPid(pidFile);
-    if (pid > 0) {
+    if (pid <= 0) {
+        return;
+    }
+    const QString executable = executableOf(pid);
+    if (executable == programPath || executable == programPath + QStringLiteral(" (deleted)")) {
         kill(pid, SIGTERM);
     }
 }

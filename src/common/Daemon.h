@@ -19,8 +19,11 @@ bool isProgramRunning(QString pidFile, QString programPath);
 // written.
 bool start(QString pidFile);
 
-// Sends SIGTERM to the process named by the pid file. Does not wait for it and
-// leaves the pid file to the stopped process.
-void stop(QString pidFile);
+// Sends SIGTERM to the process named by the pid file, but only when that
+// process runs programPath, or ran it and the file has since been deleted (an
+// upgrade replaced the program while the daemon ran). A stale pid file whose
+// pid now belongs to another program is ignored, silently. Does not wait for
+// the process and leaves the pid file to it.
+void stop(QString pidFile, QString programPath);
 
 } // namespace Orvanta::Daemon

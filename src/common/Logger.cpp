@@ -1,11 +1,14 @@
 #include "common/Logger.h"
 
 #include "common/RemoteObjectProxy.h"
+#include "common/Util.h"
 
 #include <QDBusConnection>
 #include <QDateTime>
 #include <QFileInfo>
 #include <QMessageLogContext>
+#include <QMutexLocker>
+#include <QRecursiveMutex>
 
 #include <cstdarg>
 #include <cstdio>
@@ -15,6 +18,18 @@ namespace Orvanta {
 namespace {
 constexpr char logSource[] = "Logger";
 constexpr int formatBufferSize = 1024;
+// Every entry point holds this lock, so any thread may log: lines reach each
+// channel whole and in the order their writes took the lock. Recursive,
+// because logging runs into logging on the same thread (levelToString warns,
+// a directly connected slot of `message` may log, and the SIGSEGV report may
+// interrupt a write in progress).
+QRecursiveMutex& loggerMutex()
+{
+    // Never destroyed: Qt's messages are forwarded here until the very end,
+    // after static destructors have run.
+    static QRecursiveMutex* const mutex = new QRecursiveMutex;
+    return *mutex;
+}
 } // namespace
 
 Logger* Logger::instance = nullptr;
@@ -38,6 +53,7 @@ void Logger::closeLogFile()
 
 void Logger::initialize()
 {
+    const QMutexLocker lock(&loggerMutex());
     if (!instance) {
         instance = new Logger();
     }
@@ -45,17 +61,20 @@ void Logger::initialize()
 
 Logger* Logger::getInstance()
 {
+    const QMutexLocker lock(&loggerMutex());
     return instance;
 }
 
 void Logger::shutDown()
 {
+    const QMutexLocker lock(&loggerMutex());
     delete instance;
     instance = nullptr;
 }
 
 void Logger::enableStandardOutputChannel(Level level)
 {
+    const QMutexLocker lock(&loggerMutex());
     if (instance) {
         instance->standardOutputThreshold = level;
     }
@@ -63,6 +82,7 @@ void Logger::enableStandardOutputChannel(Level level)
 
 void Logger::enableFileChannel(Level level, QString fileName, bool append)
 {
+    const QMutexLocker lock(&loggerMutex());
     if (!instance) {
         return;
     }
@@ -81,10 +101,10 @@ void Logger::enableFileChannel(Level level, QString fileName, bool append)
         instance->fileThreshold = level;
         return;
     }
-    instance->logFile.setFileName(fileName);
+    // The name comes from the command line, decoded as Latin-1.
     const QIODevice::OpenMode mode = append ? (QIODevice::WriteOnly | QIODevice::Append)
                                             : (QIODevice::WriteOnly | QIODevice::Truncate);
-    if (!instance->logFile.open(mode)) {
+    if (!openLatin1Path(instance->logFile, fileName, mode)) {
         instance->fileThreshold = level;
         return;
     }
@@ -97,6 +117,7 @@ void Logger::enableFileChannel(Level level, QString fileName, bool append)
 void Logger::enableDBusChannel(Level level, QString connectionName, QString serviceName,
                                QString objectPath, QString sourceName, QString methodName)
 {
+    const QMutexLocker lock(&loggerMutex());
     if (!instance) {
         return;
     }
@@ -113,6 +134,7 @@ void Logger::enableDBusChannel(Level level, QString connectionName, QString serv
 
 void Logger::write(Level level, QString file, QString function, int line, QString message)
 {
+    const QMutexLocker lock(&loggerMutex());
     if (!instance || level > LEVEL_DEBUG) {
         return;
     }
@@ -133,6 +155,7 @@ void Logger::write(Level level, QString file, QString function, int line, QStrin
 
 void Logger::write(Level level, QString file, QString function, int line, const char* format, ...)
 {
+    const QMutexLocker lock(&loggerMutex());
     if (!instance) {
         return;
     }

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <QIODevice>
 #include <QString>
 #include <QtGlobal>
+
+class QFile;
 
 namespace Orvanta {
 
@@ -10,5 +13,14 @@ qint64 utilSecondsSinceEpoch();
 
 // "true" or "false".
 QString boolToString(bool value);
+
+// Opens the file whose path is the Latin-1 bytes of fileName. The command
+// line decodes its paths as Latin-1, one character per byte, so that every
+// byte reaches the log unchanged; this turns them back into the very bytes
+// given (QFile would encode the characters as UTF-8 and name another file).
+// mode is ReadOnly, WriteOnly (truncating) or WriteOnly | Append; a file to
+// write is created if need be. Like QFile, refuses a directory. The
+// descriptor is close-on-exec and belongs to file.
+bool openLatin1Path(QFile& file, const QString& fileName, QIODevice::OpenMode mode);
 
 } // namespace Orvanta

@@ -1,5 +1,6 @@
 #include "assignment/DisplayConfiguration.h"
 #include "common/CommandLine.h"
+#include "common/CrashHandler.h"
 #include "common/Daemon.h"
 #include "common/Logger.h"
 #include "common/SignalRelay.h"
@@ -15,36 +16,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <execinfo.h>
 #include <memory>
-#include <unistd.h>
 
 namespace {
 constexpr char logSource[] = "Main";
-constexpr int maxBacktraceFrames = 100;
 } // namespace
-
-void segfault_handler(int)
-{
-    void* frames[maxBacktraceFrames];
-    const int frameCount = backtrace(frames, maxBacktraceFrames);
-    char** symbols = backtrace_symbols(frames, frameCount);
-    SELVANE_LOG(LEVEL_ERROR, "Received SIGSEGV.  Backtrace:");
-    if (!symbols) {
-        SELVANE_LOG(LEVEL_ERROR, "Backtrace is not available");
-    } else {
-        for (int i = 0; i < frameCount; ++i) {
-            SELVANE_LOG(LEVEL_ERROR, "%s", symbols[i]);
-        }
-        free(symbols);
-    }
-    QFile::remove(QString::fromLatin1(Orvanta::Paths::pidFile));
-    SELVANE_LOG(LEVEL_ERROR, "Exiting.");
-    // _exit, not exit: the static destructors of the libraries must not run on
-    // state that the fault may have left half-changed. Every log line is
-    // already flushed.
-    _exit(1);
-}
 
 // Runs on the event loop (see SignalRelay), not inside the signal handler.
 void quit_handler(int)
@@ -91,21 +67,22 @@ int main(int argc, char* argv[])
     }
 
     const QString pidFile = QString::fromLatin1(Orvanta::Paths::pidFile);
+    const QString programPath = QCoreApplication::applicationFilePath();
     if (commandLine.isPidRequested()) {
         printf("%d\n", Orvanta::Daemon::getPid(pidFile));
         return 0;
     }
     if (commandLine.isStopRequested()) {
-        Orvanta::Daemon::stop(pidFile);
+        Orvanta::Daemon::stop(pidFile, programPath);
         return 0;
     }
     if (commandLine.isRestartRequested()) {
         // Does not wait: if the old daemon is still alive at the running check
         // below, the restart ends as "already running".
-        Orvanta::Daemon::stop(pidFile);
+        Orvanta::Daemon::stop(pidFile, programPath);
     }
 
-    if (Orvanta::Daemon::isProgramRunning(pidFile, QCoreApplication::applicationFilePath())) {
+    if (Orvanta::Daemon::isProgramRunning(pidFile, programPath)) {
         printf("Program is already running.  Stop the existing program before starting another "
                "one\n");
         return 1;
@@ -117,11 +94,7 @@ int main(int argc, char* argv[])
         return 1;
     }
 
-    // backtrace() loads its unwinder on first use; do that now rather than
-    // inside the SIGSEGV handler.
-    void* warmUp[1];
-    backtrace(warmUp, 1);
-    signal(SIGSEGV, segfault_handler);
+    Orvanta::CrashHandler::install(pidFile);
     const Orvanta::SignalRelay quitRelay({SIGINT, SIGTERM}, quit_handler);
 
     Orvanta::Logger::initialize();

@@ -1,6 +1,7 @@
 #include "sequences/AssignedDeviceHandler.h"
 
 #include "common/Logger.h"
+#include "common/Util.h"
 #include "input/EventDevice.h"
 #include "sequences/KeySequence.h"
 #include "sequences/SystemCommandAction.h"
@@ -33,8 +34,9 @@ void AssignedDeviceHandler::parseConfigFile(QString configFileName)
         SELVANE_LOG(LEVEL_ERROR, "configFileName is empty");
         return;
     }
-    QFile file(configFileName);
-    if (!file.open(QIODevice::ReadOnly)) {
+    // The name holds the path's bytes one character each, as the command line gave them.
+    QFile file;
+    if (!Orvanta::openLatin1Path(file, configFileName, QIODevice::ReadOnly)) {
         SELVANE_LOG(LEVEL_ERROR, "Could not open config file " + configFileName);
         return;
     }

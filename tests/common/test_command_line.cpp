@@ -91,6 +91,24 @@ private Q_SLOTS:
         QCOMPARE(commandLine.getConfigFileName(), QStringLiteral("keys.conf"));
     }
 
+    void pathsKeepEveryByteAsOneCharacter()
+    {
+        CommandLine commandLine;
+        // "é" in UTF-8, and a byte that is no UTF-8 at all.
+        const QByteArray log = "/tmp/journal-\xc3\xa9.log";
+        const QByteArray config = "/etc/keys-\xff.conf";
+        std::vector<QByteArray> storage{"orvanta-selvane", "-l", log, "--config", config};
+        std::vector<char*> argv;
+        for (QByteArray& argument : storage) {
+            argv.push_back(argument.data());
+        }
+        argv.push_back(nullptr);
+        QCOMPARE(commandLine.parse(static_cast<int>(storage.size()), argv.data()),
+                 CommandLine::RESULT_RUN);
+        QCOMPARE(commandLine.getLogFileName(), QString::fromLatin1(log));
+        QCOMPARE(commandLine.getConfigFileName().toLatin1(), config);
+    }
+
     void lastFileOptionWins()
     {
         CommandLine commandLine;

@@ -5,6 +5,8 @@
 
 #include <QCoreApplication>
 #include <QFile>
+#include <QFileInfo>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -22,6 +24,13 @@ pid_t forkFlushed()
 {
     fflush(nullptr);
     return fork();
+}
+
+// The executable of the idle processes that DaemonRunner starts, as the
+// kernel names it.
+QString sleepProgram()
+{
+    return QFileInfo(QStandardPaths::findExecutable(QStringLiteral("sleep"))).canonicalFilePath();
 }
 
 } // namespace
@@ -104,22 +113,68 @@ private Q_SLOTS:
         QVERIFY(!Daemon::isProgramRunning(pidFile, QCoreApplication::applicationFilePath()));
     }
 
-    void stopSendsSigtermToTheNamedProcess()
+    void stopSendsSigtermToTheNamedProcessOfThisProgram()
     {
         const pid_t child = DaemonRunner::startIdleProcess();
         QVERIFY(child > 0);
         QVERIFY(writeFile(pidFile, QByteArray::number(child)));
-        Daemon::stop(pidFile);
+        Daemon::stop(pidFile, sleepProgram());
         QCOMPARE(DaemonRunner::waitForExit(child), 128 + SIGTERM);
         // The stopped process removes the pid file itself, not stop().
         QVERIFY(QFile::exists(pidFile));
     }
 
+    void stopLeavesAProcessOfAnotherProgramAlone()
+    {
+        // Keeps SIGTERM pending, so a signal sent would be seen.
+        const pid_t child = DaemonRunner::startIdleProcess(true);
+        QVERIFY(child > 0);
+        QVERIFY(writeFile(pidFile, QByteArray::number(child)));
+        Daemon::stop(pidFile, QCoreApplication::applicationFilePath());
+        const bool signalled = DaemonRunner::hasPendingSigterm(child);
+        // The same process does take the signal when it is the program named.
+        Daemon::stop(pidFile, sleepProgram());
+        const bool signalledAsItsOwnProgram = DaemonRunner::hasPendingSigterm(child);
+        kill(child, SIGKILL);
+        DaemonRunner::waitForExit(child);
+        QVERIFY(!signalled);
+        QVERIFY(signalledAsItsOwnProgram);
+        QVERIFY(QFile::exists(pidFile));
+    }
+
+    void stopReachesAProcessWhoseProgramFileWasReplaced()
+    {
+        // The program file is deleted and copied anew at the same path while
+        // the process runs, as an upgrade does.
+        const QString program = dir.filePath(QStringLiteral("sleep-copy"));
+        QVERIFY(QFile::copy(sleepProgram(), program));
+        const QByteArray programBytes = QFile::encodeName(program);
+        const pid_t child = forkFlushed();
+        if (child == 0) {
+            execl(programBytes.constData(), programBytes.constData(), "infinity", nullptr);
+            _exit(127);
+        }
+        QVERIFY(DaemonRunner::waitUntil([&] {
+            return QFile::symLinkTarget(QStringLiteral("/proc/%1/exe").arg(child)) == program;
+        }));
+        QVERIFY(QFile::remove(program));
+        QVERIFY(QFile::copy(sleepProgram(), program));
+        QVERIFY(writeFile(pidFile, QByteArray::number(child)));
+        Daemon::stop(pidFile, program);
+        const int status = DaemonRunner::waitForExit(child, 5000);
+        if (status == -1) {
+            kill(child, SIGKILL);
+            DaemonRunner::waitForExit(child);
+        }
+        QFile::remove(program);
+        QCOMPARE(status, 128 + SIGTERM);
+    }
+
     void stopWithoutPidFileDoesNothing()
     {
-        Daemon::stop(pidFile);
+        Daemon::stop(pidFile, sleepProgram());
         QVERIFY(writeFile(pidFile, "0"));
-        Daemon::stop(pidFile);
+        Daemon::stop(pidFile, sleepProgram());
         QVERIFY(QFile::exists(pidFile));
     }
 

@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QRegularExpression>
 #include <QTemporaryDir>
+#include <QThread>
 #include <QtTest>
 
 #include <cstdio>
@@ -448,6 +449,47 @@ private Q_SLOTS:
         QCOMPARE(entry->level, Logger::LEVEL_WARNING);
         QCOMPARE(entry->file, QStringLiteral("Qt"));
         QCOMPARE(entry->function, QStringLiteral("default"));
+    }
+
+    void linesFromTwoThreadsStayWholeAndInOrder()
+    {
+        const QString logFile = file("threads.log");
+        Logger::enableFileChannel(Logger::LEVEL_DEBUG, logFile, false);
+        constexpr int perThread = 10000;
+        QThread* second = QThread::create([] {
+            for (int i = 0; i < perThread; ++i) {
+                Logger::write(Logger::LEVEL_INFO, "Second", "run", 2, "second thread line %d", i);
+            }
+        });
+        second->start();
+        for (int i = 0; i < perThread; ++i) {
+            Logger::write(Logger::LEVEL_DEBUG, "Main", "run", 1,
+                          QStringLiteral("main thread line %1").arg(i));
+        }
+        QVERIFY(second->wait(60000));
+        delete second;
+
+        const QList<QByteArray> lines = readAll(logFile).split('\n');
+        // The file ends with a line end: the last piece is empty.
+        QCOMPARE(lines.size(), 2 * perThread + 1);
+        QVERIFY(lines.last().isEmpty());
+        const QRegularExpression wellFormed(
+            QStringLiteral(R"(^\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] )"
+                           R"((?:\[Debug\] \[Main:run:1\] main|\[Info\] \[Second:run:2\] second))"
+                           R"( thread line (\d+)$)"));
+        int nextMain = 0;
+        int nextSecond = 0;
+        for (int i = 0; i < 2 * perThread; ++i) {
+            const QString line = QString::fromLatin1(lines[i]);
+            const QRegularExpressionMatch match = wellFormed.match(line);
+            QVERIFY2(match.hasMatch(), qPrintable(line));
+            // Each thread's lines come in the order it wrote them.
+            int& next = line.contains(QStringLiteral("[Main:run:1]")) ? nextMain : nextSecond;
+            QCOMPARE(match.captured(1).toInt(), next);
+            ++next;
+        }
+        QCOMPARE(nextMain, perThread);
+        QCOMPARE(nextSecond, perThread);
     }
 };
 

@@ -1,14 +1,20 @@
+#include "DaemonRunner.h"
 #include "LogCapture.h"
+#include "TestFiles.h"
 
 #include <QDBusConnection>
+#include <QElapsedTimer>
 #include <QMutex>
 #include <QMutexLocker>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QRegularExpression>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 #include <QThread>
 #include <QtTest>
 
+#include <csignal>
 #include <cstdio>
 
 using Orvanta::Logger;
@@ -18,6 +24,23 @@ const QString receiverService = QStringLiteral("com.orvanta.test.LogReceiver");
 const QString receiverPath = QStringLiteral("/log");
 const QString loggerConnection = QStringLiteral("logger");
 const QString receiverConnection = QStringLiteral("receiver");
+const QString hungReceiverService = QStringLiteral("com.orvanta.test.HungReceiver");
+// Run with this variable set to a bus address, the test program plays a hung
+// receiver on that bus.
+const char hungReceiverVariable[] = "SELVANE_HUNG_RECEIVER_BUS";
+
+// Takes the receiver's name, says so on standard output, and stops.
+int playHungReceiver(const QString& busAddress)
+{
+    QDBusConnection connection = QDBusConnection::connectToBus(busAddress, "hung");
+    if (!connection.registerService(hungReceiverService)) {
+        return 1;
+    }
+    std::printf("ready\n");
+    std::fflush(stdout);
+    raise(SIGSTOP);
+    return 0;
+}
 } // namespace
 
 // The remote end of the logger's D-Bus channel. It lives on a thread of its
@@ -190,6 +213,43 @@ private Q_SLOTS:
         QVERIFY(receiver->calls().isEmpty());
     }
 
+    void aHungReceiverHoldsALineForTwoSecondsAtMost()
+    {
+        // The receiver owns its name, then stops (SIGSTOP): it answers nothing,
+        // not even an introspection, as a hung service.
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(hungReceiverVariable, address);
+        QProcess hung;
+        hung.setProcessEnvironment(environment);
+        hung.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        hung.start(QCoreApplication::applicationFilePath(), QStringList());
+        QVERIFY(hung.waitForReadyRead(10000));
+        QCOMPARE(hung.readAll(), QByteArray("ready\n"));
+        const QString stat = QStringLiteral("/proc/%1/stat").arg(hung.processId());
+        QVERIFY(DaemonRunner::waitUntil([&] {
+            const QByteArray status = readFile(stat);
+            const qsizetype close = status.lastIndexOf(')');
+            return close > 0 && status.mid(close + 2, 1) == "T";
+        }));
+
+        QTemporaryDir dir;
+        const QString logFile = dir.filePath(QStringLiteral("hung.log"));
+        Logger::enableFileChannel(Logger::LEVEL_DEBUG, logFile, false);
+        QElapsedTimer timer;
+        timer.start();
+        Logger::enableDBusChannel(Logger::LEVEL_DEBUG, loggerConnection, hungReceiverService,
+                                  receiverPath, QStringLiteral("selvane"), QStringLiteral("Log"));
+        Logger::write(Logger::LEVEL_INFO, "T", "f", 1, QStringLiteral("unanswered"));
+        const qint64 elapsed = timer.elapsed();
+        hung.kill();
+        hung.waitForFinished();
+
+        // The line waited for an answer until the time-out, far below Qt's
+        // default of 25 seconds, and no longer.
+        QVERIFY2(elapsed >= 1500 && elapsed < 5000, qPrintable(QString::number(elapsed)));
+        QVERIFY(readFile(logFile).endsWith("] [Info] [T:f:1] unanswered\n"));
+    }
+
     void levelZeroKeepsTheChannelOff()
     {
         registerReceiver();
@@ -203,6 +263,10 @@ private Q_SLOTS:
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
+    const QString hungReceiverBus = qEnvironmentVariable(hungReceiverVariable);
+    if (!hungReceiverBus.isEmpty()) {
+        return playHungReceiver(hungReceiverBus);
+    }
     LoggerDBusTest test;
     if (!test.startBus()) {
         std::fprintf(stderr, "SKIP: no private dbus-daemon could be started\n");

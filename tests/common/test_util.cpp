@@ -1,6 +1,10 @@
 #include "common/Util.h"
 
 #include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
 #include <QtTest>
 
 #include <ctime>
@@ -30,6 +34,50 @@ private Q_SLOTS:
     {
         QCOMPARE(Orvanta::boolToString(true), QStringLiteral("true"));
         QCOMPARE(Orvanta::boolToString(false), QStringLiteral("false"));
+    }
+
+    void openLatin1PathOpensTheVeryBytesGiven()
+    {
+        QTemporaryDir dir;
+        // "journal-é.log" in UTF-8, read as Latin-1 the way the command line
+        // reads its paths: two characters for the é.
+        const QByteArray name = dir.path().toLatin1() + "/journal-\xc3\xa9.log";
+        const QString fileName = QString::fromLatin1(name);
+        QCOMPARE(fileName.size(), name.size());
+        {
+            QFile file;
+            QVERIFY(Orvanta::openLatin1Path(file, fileName, QIODevice::WriteOnly));
+            QCOMPARE(file.write("first\n"), 6);
+        }
+        {
+            QFile file;
+            QVERIFY(
+                Orvanta::openLatin1Path(file, fileName, QIODevice::WriteOnly | QIODevice::Append));
+            QCOMPARE(file.write("second\n"), 7);
+        }
+        QFile file;
+        QVERIFY(Orvanta::openLatin1Path(file, fileName, QIODevice::ReadOnly));
+        QCOMPARE(file.readAll(), QByteArray("first\nsecond\n"));
+        // The same bytes, as UTF-8 names them.
+        QCOMPARE(QDir(dir.path()).entryList(QDir::Files),
+                 QStringList{QStringLiteral("journal-\u00e9.log")});
+
+        QFile truncated;
+        QVERIFY(Orvanta::openLatin1Path(truncated, fileName, QIODevice::WriteOnly));
+        truncated.close();
+        QCOMPARE(QFileInfo(QString::fromUtf8(name)).size(), 0);
+    }
+
+    void openLatin1PathRefusesADirectoryAndAMissingFile()
+    {
+        QTemporaryDir dir;
+        QFile directory;
+        QVERIFY(!Orvanta::openLatin1Path(directory, dir.path(), QIODevice::ReadOnly));
+        QVERIFY(!directory.isOpen());
+        QFile missing;
+        QVERIFY(!Orvanta::openLatin1Path(missing, dir.filePath(QStringLiteral("missing")),
+                                         QIODevice::ReadOnly));
+        QVERIFY(!missing.isOpen());
     }
 };
 

@@ -1,6 +1,7 @@
 #include "DaemonRunner.h"
 #include "TestFiles.h"
 
+#include <QDir>
 #include <QFile>
 #include <QRegularExpression>
 #include <QtTest>
@@ -57,13 +58,43 @@ int indexOf(const QStringList& lines, const QRegularExpression& pattern, int fro
     return -1;
 }
 
+// The state letter of the process ('R', 'S', 'T' stopped, 'Z' zombie...),
+// or '?' when there is no such process.
+char processState(pid_t pid)
+{
+    const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    const qsizetype close = stat.lastIndexOf(')');
+    return close > 0 && stat.size() > close + 2 ? stat[close + 2] : '?';
+}
+
 bool isAlive(pid_t pid)
 {
     // A zombie still takes signals; its state letter tells it apart.
-    const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
-    const qsizetype close = stat.lastIndexOf(')');
-    return close > 0 && stat.size() > close + 2 && stat[close + 2] != 'Z';
+    const char state = processState(pid);
+    return state != '?' && state != 'Z';
 }
+
+// Holds a running daemon stopped (SIGSTOP) while it lives, so that a SIGTERM
+// sent to it stays pending where a test can see it, then lets it go on.
+class FrozenDaemon
+{
+public:
+    explicit FrozenDaemon(pid_t daemon) : pid(daemon)
+    {
+        // Until the stop has taken effect, a SIGTERM (the lower number) would
+        // still be delivered before it.
+        frozen = kill(pid, SIGSTOP) == 0 &&
+                 DaemonRunner::waitUntil([&] { return processState(pid) == 'T'; });
+    }
+    ~FrozenDaemon() { kill(pid, SIGCONT); }
+
+    bool isFrozen() const { return frozen; }
+    bool hasPendingSigterm() const { return DaemonRunner::hasPendingSigterm(pid); }
+
+private:
+    const pid_t pid;
+    bool frozen = false;
+};
 
 // An unrelated live process that keeps every SIGTERM sent to it pending, so a
 // test can see whether one was sent.
@@ -198,46 +229,93 @@ private Q_SLOTS:
 
     void pidWithStopPrintsThePidAndStopsNothing()
     {
-        SigtermRecorder recorder;
-        QVERIFY(recorder.pid > 0);
-        writePidFile(QByteArray::number(recorder.pid));
-        const DaemonRunner::Result result = runner->run({"--pid", "--stop"});
-        QCOMPARE(result.status, 0);
-        QCOMPARE(result.standardOutput, QByteArray::number(recorder.pid) + "\n");
-        // kill() is synchronous: a SIGTERM sent would already be pending.
-        QVERIFY(!recorder.hasPendingSigterm());
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        {
+            const FrozenDaemon frozen(daemon);
+            QVERIFY(frozen.isFrozen());
+            const DaemonRunner::Result result = runner->run({"--pid", "--stop"});
+            QCOMPARE(result.status, 0);
+            QCOMPARE(result.standardOutput, QByteArray::number(daemon) + "\n");
+            // kill() is synchronous: a SIGTERM sent would already be pending.
+            QVERIFY(!frozen.hasPendingSigterm());
 
-        // The same recorder does see a plain --stop.
-        QCOMPARE(runner->run({"--stop"}).status, 0);
-        QVERIFY(recorder.hasPendingSigterm());
+            // The same daemon does see a plain --stop.
+            QCOMPARE(runner->run({"--stop"}).status, 0);
+            QVERIFY(frozen.hasPendingSigterm());
+        }
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
     }
 
     void pidComesBeforeRestart()
     {
-        SigtermRecorder recorder;
-        QVERIFY(recorder.pid > 0);
-        writePidFile(QByteArray::number(recorder.pid));
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        const FrozenDaemon frozen(daemon);
+        QVERIFY(frozen.isFrozen());
         const DaemonRunner::Result result = runner->run({"--restart", "--pid", "-c", configFile});
         QCOMPARE(result.status, 0);
-        QCOMPARE(result.standardOutput, QByteArray::number(recorder.pid) + "\n");
-        QVERIFY(!recorder.hasPendingSigterm());
-        QVERIFY(runner->adoptedDaemons().isEmpty());
+        QCOMPARE(result.standardOutput, QByteArray::number(daemon) + "\n");
+        QVERIFY(!frozen.hasPendingSigterm());
+        QCOMPARE(runner->adoptedDaemons(), QList<pid_t>{daemon});
     }
 
     void stopComesBeforeRestartAndStartsNothing()
     {
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        {
+            const FrozenDaemon frozen(daemon);
+            QVERIFY(frozen.isFrozen());
+            const DaemonRunner::Result result =
+                runner->run({"--restart", "--stop", "-c", configFile});
+            QCOMPARE(result.status, 0);
+            QCOMPARE(result.standardOutput, QByteArray());
+            QCOMPARE(result.standardError, QByteArray());
+            QVERIFY(frozen.hasPendingSigterm());
+            // The foreground returned without forking a second daemon.
+            QCOMPARE(runner->adoptedDaemons(), QList<pid_t>{daemon});
+            QCOMPARE(readFile(runner->pidFile()), QByteArray::number(daemon));
+        }
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+    }
+
+    void stopLeavesAnUnrelatedProcessAlone()
+    {
+        // A stale pid file whose pid now belongs to another program.
         SigtermRecorder recorder;
         QVERIFY(recorder.pid > 0);
         writePidFile(QByteArray::number(recorder.pid));
-        const DaemonRunner::Result result = runner->run({"--restart", "--stop", "-c", configFile});
+        const DaemonRunner::Result result = runner->run({"--stop"});
         QCOMPARE(result.status, 0);
         QCOMPARE(result.standardOutput, QByteArray());
         QCOMPARE(result.standardError, QByteArray());
-        QVERIFY(recorder.hasPendingSigterm());
-        // The foreground returned without forking a daemon.
-        QVERIFY(runner->adoptedDaemons().isEmpty());
+        QVERIFY(!recorder.hasPendingSigterm());
+        QVERIFY(isAlive(recorder.pid));
         QCOMPARE(readFile(runner->pidFile()), QByteArray::number(recorder.pid));
-        QVERIFY(!QFile::exists(runner->defaultLogFile()));
+    }
+
+    void stopReachesADaemonWhoseProgramFileWasReplaced()
+    {
+        // An upgrade deletes the program file and writes a new one at the same
+        // path while the daemon runs; --stop from the new file still stops it.
+        QVERIFY(QDir().mkpath(runner->path(QStringLiteral("bin"))));
+        const QString program = runner->path(QStringLiteral("bin/orvanta-selvane"));
+        QVERIFY(QFile::copy(DaemonRunner::builtExecutable(), program));
+        runner->setExecutable(program);
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        QVERIFY(QFile::remove(program));
+        QVERIFY(QFile::copy(DaemonRunner::builtExecutable(), program));
+        QCOMPARE(QFile::symLinkTarget(QStringLiteral("/proc/%1/exe").arg(daemon)),
+                 program + QStringLiteral(" (deleted)"));
+
+        const DaemonRunner::Result result = runner->run({"--stop"});
+        QCOMPARE(result.status, 0);
+        QCOMPARE(result.standardOutput, QByteArray());
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        QVERIFY(indexOf(DaemonRunner::readLines(runner->defaultLogFile()), quitLine) >= 0);
+        QVERIFY(!QFile::exists(runner->pidFile()));
     }
 
     void stopWithNothingRunningIsSilent()
@@ -320,6 +398,36 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(runner->defaultLogFile()));
     }
 
+    void nonAsciiLogPathOpensThatFile()
+    {
+        // A UTF-8 name, as a shell passes it; é is the two bytes C3 A9.
+        const QByteArray logName =
+            runner->path(QStringLiteral("journal-")).toUtf8() + "\xc3\xa9.log";
+        const pid_t daemon = startDaemon({"-l", QString::fromUtf8(logName)});
+        QVERIFY(daemon > 0);
+        QCOMPARE(kill(daemon, SIGTERM), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        QVERIFY(!QFile::exists(runner->defaultLogFile()));
+        QVERIFY(
+            readFile(QString::fromUtf8(logName)).contains("selvane is exiting with exit code 0"));
+    }
+
+    void nonAsciiConfigPathOpensThatFileAndReachesTheLogByteForByte()
+    {
+        const QByteArray configName =
+            runner->path(QStringLiteral("touches-")).toUtf8() + "\xc3\xa9.conf";
+        QVERIFY(writeFile(QString::fromUtf8(configName), QByteArray()));
+        configFile = QString::fromUtf8(configName);
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        QCOMPARE(kill(daemon, SIGTERM), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        const QByteArray log = readFile(runner->defaultLogFile());
+        // The file opened, and its name is written as the bytes given.
+        QVERIFY2(log.contains("] Parsing config file " + configName + "\n"), log.constData());
+        QVERIFY(!log.contains("Could not open config file"));
+    }
+
     void logfileIsAppendedTo()
     {
         {
@@ -386,14 +494,15 @@ private Q_SLOTS:
         QCOMPARE(readFile(runner->pidFile()), QByteArray::number(daemon));
     }
 
-    void restartStopsTheNamedProcessAndStarts()
+    void restartLeavesAnUnrelatedProcessAloneAndStarts()
     {
         SigtermRecorder recorder;
         QVERIFY(recorder.pid > 0);
         writePidFile(QByteArray::number(recorder.pid));
         const DaemonRunner::Result result = runner->run({"--restart", "-c", configFile});
         QCOMPARE(result.status, 0);
-        QVERIFY(recorder.hasPendingSigterm());
+        QVERIFY(!recorder.hasPendingSigterm());
+        QVERIFY(isAlive(recorder.pid));
         const pid_t daemon = runner->waitForDaemon();
         QVERIFY(daemon > 0);
         QVERIFY(DaemonRunner::waitUntil(

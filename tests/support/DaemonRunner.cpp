@@ -112,6 +112,11 @@ int decodeStatus(int status)
 
 } // namespace
 
+QString DaemonRunner::builtExecutable()
+{
+    return QString::fromLatin1(daemonExecutable);
+}
+
 QString DaemonRunner::unavailableReason()
 {
     if (QStandardPaths::findExecutable(QStringLiteral("dbus-daemon")).isEmpty()) {
@@ -173,7 +178,7 @@ DaemonRunner::Result DaemonRunner::run(const QStringList& arguments, int timeout
     if (!shareDir.isEmpty()) {
         command << QStringLiteral("--share-dir") << shareDir;
     }
-    command << QStringLiteral("--") << QString::fromLatin1(daemonExecutable) << arguments;
+    command << QStringLiteral("--") << executable << arguments;
 
     ++runCount;
     const QString outFile = path(QStringLiteral("stdout-%1").arg(runCount));

@@ -52,6 +52,11 @@ public:
     bool isBusRunning() const { return !address.isEmpty(); }
     QString busAddress() const { return address; }
 
+    // The built orvanta-selvane, which run() starts unless setExecutable says
+    // otherwise.
+    static QString builtExecutable();
+    // run() starts this program file instead, such as a copy of the built one.
+    void setExecutable(const QString& program) { executable = program; }
     // The daemon's /usr/share/orvanta is a copy of sourceDir (default: absent).
     void setShareDir(const QString& sourceDir) { shareDir = sourceDir; }
     // With false, the daemon has no /run/orvanta and cannot write its pid file.
@@ -122,6 +127,7 @@ private:
     QTemporaryDir dir;
     QProcess bus;
     QString address;
+    QString executable = builtExecutable();
     QString shareDir;
     QHash<QString, QString> extraEnvironment;
     bool runDirPresent = true;
