@@ -3,6 +3,7 @@
 #include "common/Logger.h"
 
 #include <QFile>
+#include <QSocketNotifier>
 
 #include <linux/input.h>
 
@@ -11,18 +12,31 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
+
+#include <utility>
 
 namespace {
 constexpr char logSource[] = "EventDevice";
 
-// At most this many bytes are taken per read; more waits for the next call. The buffer holds
-// whole kernel records only (42 of 24 bytes on 64-bit), so a read never splits a record.
-constexpr std::size_t readBufferBytes = 1024;
-using ReadBuffer = std::array<input_event, readBufferBytes / sizeof(input_event)>;
+// Records taken per read. The kernel keeps 64 to 128 records per reader, so one read empties its
+// buffer; more waits for the next wakeup.
+constexpr std::size_t recordsPerRead = 128;
+using ReadBuffer = std::array<input_event, recordsPerRead>;
 
 constexpr int keyPress = 1;
 constexpr int keyRelease = 0;
+// A SYN_REPORT with this value ends a frame the kernel made up itself.
+constexpr int kernelFrameMark = 1;
+// Major number of the kernel's input device nodes (/dev/input/*).
+constexpr unsigned inputMajor = 13;
+// A short read has no errno; this stands for it among the pending read errors.
+constexpr int shortRead = -1;
+
+// The open devices, for waits that keep taking their records. One thread uses them all.
+QVector<EventDevice*> openDeviceList;
 
 template <std::size_t N> bool testBit(const std::array<unsigned char, N>& bits, int index)
 {
@@ -39,13 +53,34 @@ QString errorText(int error)
 {
     return QString::fromLocal8Bit(std::strerror(error));
 }
+
+// Opening some character devices has side effects (a watchdog starts counting, a modem line is
+// raised), so of character devices only input devices are ever opened.
+bool isForeignCharacterDevice(const QByteArray& path)
+{
+    struct stat status
+    {
+    };
+    return stat(path.constData(), &status) == 0 && S_ISCHR(status.st_mode) &&
+           major(status.st_rdev) != inputMajor;
+}
+
+int openDevice(const QString& path)
+{
+    const QByteArray encodedPath = QFile::encodeName(path);
+    if (isForeignCharacterDevice(encodedPath)) {
+        return -1;
+    }
+    // Read-write because LED events are written to the device. Non-blocking so that neither the
+    // open nor a read can ever hold the daemon. The descriptor must not become a controlling
+    // terminal or leak into the commands the daemon runs.
+    return open(encodedPath.constData(), O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
+}
 } // namespace
 
 EventDevice::EventDevice(QString path)
 {
-    // Read-write because LED events are written to the device. The descriptor must not become
-    // a controlling terminal or leak into the commands the daemon runs.
-    fd = open(QFile::encodeName(path).constData(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    fd = openDevice(path);
     if (fd == -1) {
         SELVANE_LOG(LEVEL_WARNING, "Could not open " + path + " for reading.");
         return;
@@ -54,7 +89,9 @@ EventDevice::EventDevice(QString path)
 
     char name[256] = {};
     if (ioctl(fd, EVIOCGNAME(sizeof name), name) >= 0) {
-        const QString deviceName = QString::fromLocal8Bit(name, qstrnlen(name, sizeof name));
+        // Byte for byte: the log writes Latin-1, so whatever bytes the kernel gave come out
+        // unchanged.
+        const QString deviceName = QString::fromLatin1(name, qstrnlen(name, sizeof name));
         SELVANE_LOG(LEVEL_INFO, "Name of device at " + path + " is " + deviceName + ".");
     }
 
@@ -77,7 +114,12 @@ EventDevice::EventDevice(QString path)
     // pressed.
     ioctl(fd, EVIOCGKEY(keyState.size()), keyState.data());
     previousKeyState = keyState;
+    queuedKeyState = keyState;
     storeLedState();
+
+    openDeviceList.append(this);
+    notifier = new QSocketNotifier(fd, QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, &EventDevice::takePendingRecords);
 }
 
 EventDevice::~EventDevice()
@@ -99,44 +141,149 @@ void EventDevice::readDevice()
     const int ready = poll(&pending, 1, 0);
     if (ready == -1) {
         SELVANE_LOG(LEVEL_WARNING, "Error in select: " + errorText(errno));
-        return;
+    } else if (ready > 0) {
+        takePendingRecords();
     }
-    if (ready == 0) {
-        return;
+    // A bounded share of the queue per call, so that a flooding device cannot hold the tick.
+    for (std::size_t processed = 0; processed < maxRecordsPerUpdate && !queue.empty();
+         ++processed) {
+        if (!frameMarkKnown) {
+            frameFromKernel = frameEndsWithKernelMark();
+            frameMarkKnown = true;
+        }
+        const QueuedRecord record = queue.front();
+        queue.pop_front();
+        if (record.type == EV_SYN) {
+            frameMarkKnown = false;
+            continue;
+        }
+        if (record.code > lastKeyCode) {
+            SELVANE_LOG(LEVEL_BUG, "key is invalid: %d", int(record.code));
+            continue;
+        }
+        setBit(keyState, record.code, record.value == keyPress);
+        emit keymapChanged(this);
+        updateKeymaps();
     }
+    frameFromKernel = false;
+    // A read error comes after every record taken before it.
+    const int error = queue.empty() ? std::exchange(pendingReadError, 0) : 0;
+    if (error == shortRead) {
+        SELVANE_LOG(LEVEL_ERROR, "Could not read a full event");
+    } else if (error == ENODEV) {
+        SELVANE_LOG(LEVEL_INFO, "Device " + deviceFileName + " has been removed.  Closing device.");
+        closeDescriptor();
+    } else if (error != 0) {
+        SELVANE_LOG(LEVEL_ERROR, "read error: " + errorText(error));
+    }
+    updateNotifier();
+}
 
+void EventDevice::takePendingRecords()
+{
+    if (!isTakingRecords()) {
+        updateNotifier();
+        return;
+    }
     ReadBuffer events;
     const ssize_t bytes = read(fd, events.data(), sizeof events);
     if (bytes == -1) {
-        const int error = errno;
-        if (error == ENODEV) {
-            SELVANE_LOG(LEVEL_INFO,
-                        "Device " + deviceFileName + " has been removed.  Closing device.");
-            closeDescriptor();
-        } else {
-            SELVANE_LOG(LEVEL_ERROR, "read error: " + errorText(error));
+        if (errno != EAGAIN && errno != EINTR) {
+            pendingReadError = errno;
         }
-        return;
+    } else if (static_cast<std::size_t>(bytes) < sizeof(input_event)) {
+        pendingReadError = shortRead;
+    } else {
+        const std::size_t count = static_cast<std::size_t>(bytes) / sizeof(input_event);
+        for (std::size_t i = 0; i < count; ++i) {
+            queueRecord({events[i].type, events[i].code, events[i].value});
+        }
     }
-    if (static_cast<std::size_t>(bytes) < sizeof(input_event)) {
-        SELVANE_LOG(LEVEL_ERROR, "Could not read a full event");
-        return;
-    }
+    updateNotifier();
+}
 
-    const std::size_t count = static_cast<std::size_t>(bytes) / sizeof(input_event);
-    for (std::size_t i = 0; i < count; ++i) {
-        const input_event& event = events[i];
-        // Auto-repeat (value 2) and every other event type leave the key state alone.
-        if (event.type != EV_KEY || (event.value != keyPress && event.value != keyRelease)) {
+bool EventDevice::isTakingRecords() const
+{
+    return fd != -1 && pendingReadError == 0 && queue.size() < maxQueuedRecords;
+}
+
+QVector<EventDevice*> EventDevice::openDevices()
+{
+    return openDeviceList;
+}
+
+void EventDevice::queueRecord(const QueuedRecord& record)
+{
+    // After SYN_DROPPED the kernel's records up to the next SYN_REPORT belong to a frame that
+    // lost part of itself; the key state is read afresh instead.
+    if (discardingUntilReport) {
+        if (record.type == EV_SYN && record.code == SYN_REPORT) {
+            discardingUntilReport = false;
+            resynchroniseKeys();
+        }
+        return;
+    }
+    if (record.type == EV_SYN) {
+        if (record.code == SYN_DROPPED) {
+            discardingUntilReport = true;
+        } else if (record.code == SYN_REPORT && !lastQueuedEndsFrame) {
+            // Frames without key records (a mouse moving) leave nothing to process.
+            queue.push_back(record);
+            lastQueuedEndsFrame = true;
+        }
+        return;
+    }
+    // Auto-repeat (value 2) and every other event type leave the key state alone.
+    if (record.type != EV_KEY || (record.value != keyPress && record.value != keyRelease)) {
+        return;
+    }
+    if (record.code <= lastKeyCode) {
+        setBit(queuedKeyState, record.code, record.value == keyPress);
+    }
+    queue.push_back(record);
+    lastQueuedEndsFrame = false;
+}
+
+// Queues a frame that turns the queued key state into the kernel's: a press for every key that
+// went down meanwhile, a release for every key that came up.
+void EventDevice::resynchroniseKeys()
+{
+    KeyBits kernelKeys{};
+    if (ioctl(fd, EVIOCGKEY(kernelKeys.size()), kernelKeys.data()) == -1) {
+        // The queued state stays; the device's next key records correct it key by key.
+        return;
+    }
+    for (int key = 0; key <= lastKeyCode; ++key) {
+        const bool down = testBit(kernelKeys, key);
+        if (down == testBit(queuedKeyState, key)) {
             continue;
         }
-        if (event.code > lastKeyCode) {
-            SELVANE_LOG(LEVEL_BUG, "key is invalid: %d", int(event.code));
-            continue;
+        setBit(queuedKeyState, key, down);
+        queue.push_back({EV_KEY, static_cast<std::uint16_t>(key), down ? keyPress : keyRelease});
+        lastQueuedEndsFrame = false;
+    }
+    if (!lastQueuedEndsFrame) {
+        queue.push_back({EV_SYN, SYN_REPORT, 0});
+        lastQueuedEndsFrame = true;
+    }
+}
+
+// Whether the frame that starts at the queue's head ends with the kernel's mark. Only frame ends
+// are queued of the EV_SYN records.
+bool EventDevice::frameEndsWithKernelMark() const
+{
+    for (const QueuedRecord& record : queue) {
+        if (record.type == EV_SYN) {
+            return record.value == kernelFrameMark;
         }
-        setBit(keyState, event.code, event.value == keyPress);
-        emit keymapChanged(this);
-        updateKeymaps();
+    }
+    return false;
+}
+
+void EventDevice::updateNotifier()
+{
+    if (notifier) {
+        notifier->setEnabled(isTakingRecords());
     }
 }
 
@@ -270,6 +417,10 @@ bool EventDevice::writeLedEvent(int ledCode, bool on)
 
 void EventDevice::closeDescriptor()
 {
+    // The notifier goes before its descriptor.
+    delete notifier;
+    notifier = nullptr;
+    openDeviceList.removeOne(this);
     close(fd);
     fd = -1;
 }

@@ -8,10 +8,20 @@
 #include <linux/input-event-codes.h>
 
 #include <array>
+#include <cstdint>
+#include <deque>
+
+class QSocketNotifier;
 
 // One opened evdev input device (/dev/input/event*). It tracks which keys and buttons are down,
 // emits keymapChanged() for every key press and release, carries the named variables that
 // describe it to commands run on its behalf, and switches its keyboard LEDs.
+//
+// The kernel keeps only a short buffer of records per reader and throws it all away when it
+// overflows. So the device takes the kernel's records off its descriptor as soon as they arrive
+// (a socket notifier, and takePendingRecords() while the daemon waits for a command) into a queue
+// of its own; readDevice(), called on the daemon's tick, processes that queue. Only what the key
+// state needs is queued: key records and the frame ends between them.
 //
 // A device that could not be opened or has no keys is closed (getFd() is -1) right after
 // construction; so is one that was unplugged. Owners delete closed devices.
@@ -31,14 +41,27 @@ public:
     int getFd() const { return fd; }
     QString getDeviceFileName() const { return deviceFileName; }
 
-    // Processes whatever the kernel has queued, without waiting.
+    // Takes what the kernel has queued, then processes the device's queue (at most
+    // maxRecordsPerUpdate records; the rest waits for the next call). Never waits.
     void readDevice();
+    // Moves records from the kernel into the device's queue without processing them; at most
+    // one read per call. Does nothing while the queue is full or a read error is pending.
+    void takePendingRecords();
+    // Whether takePendingRecords() would read: the device is open, its queue has room and no
+    // read error waits to be reported.
+    bool isTakingRecords() const;
+    // Every device that is open now, in the order they were opened.
+    static QVector<EventDevice*> openDevices();
 
     bool isKeyPressed(int key) const;
     // Whether any key 0..lastKeyCode-1 is down.
     bool isKeyPressed() const;
     // Whether `key` went down in the key event being reported now.
     bool isKeyPressedOnce(int key) const;
+    // Whether the key event being reported now was made up by the kernel rather than typed:
+    // the kernel releases every held key in one frame of its own when the device goes away
+    // (and when it is reset or inhibited), marking that frame's SYN_REPORT with the value 1.
+    bool isReleasedByKernel() const { return frameFromKernel; }
     void updateKeymaps();
 
     QHash<QString, QString> getDeviceVariables() const { return deviceVariables; }
@@ -56,10 +79,29 @@ public:
 Q_SIGNALS:
     void keymapChanged(const EventDevice* device);
 
+public:
+    // Bounds that keep a flooding device from holding the daemon: records queued before the
+    // device stops taking more (the kernel then drops, and the device resynchronises), and
+    // records processed per readDevice().
+    static constexpr std::size_t maxQueuedRecords = 4096;
+    static constexpr std::size_t maxRecordsPerUpdate = 2048;
+
 private:
     using KeyBits = std::array<unsigned char, KEY_MAX / 8 + 1>;
     using LedBits = std::array<unsigned char, LED_MAX / 8 + 1>;
 
+    // A kernel record without its time stamp, which nothing here uses.
+    struct QueuedRecord
+    {
+        std::uint16_t type;
+        std::uint16_t code;
+        std::int32_t value;
+    };
+
+    void queueRecord(const QueuedRecord& record);
+    void resynchroniseKeys();
+    bool frameEndsWithKernelMark() const;
+    void updateNotifier();
     bool writeLedEvent(int ledCode, bool on);
     void closeDescriptor();
 
@@ -69,4 +111,17 @@ private:
     KeyBits previousKeyState{};
     QHash<QString, QString> deviceVariables;
     LedBits ledState{};
+
+    QSocketNotifier* notifier = nullptr;
+    std::deque<QueuedRecord> queue;
+    // The key state once everything queued is processed; a resynchronisation queues the
+    // difference between this and the kernel's state.
+    KeyBits queuedKeyState{};
+    bool lastQueuedEndsFrame = true;
+    bool discardingUntilReport = false;
+    // errno of a failed read, or -1 for a short read; reported on the next readDevice().
+    int pendingReadError = 0;
+    // The kernel mark of the frame being processed, once looked up.
+    bool frameMarkKnown = false;
+    bool frameFromKernel = false;
 };

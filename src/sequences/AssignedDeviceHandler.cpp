@@ -46,7 +46,12 @@ void AssignedDeviceHandler::parseConfigFile(QString configFileName)
     qint64 length;
     while ((length = file.readLine(buffer, sizeof buffer)) > 0) {
         // Latin-1 keeps every byte of the file as it is, so the command later
-        // reaches the shell unchanged.
+        // reaches the shell unchanged. A line saved with Windows line endings
+        // ends like any other, or its command would end in a carriage return.
+        if (length >= 2 && buffer[length - 2] == '\r' && buffer[length - 1] == '\n') {
+            buffer[length - 2] = '\n';
+            --length;
+        }
         const QString line = QString::fromLatin1(buffer, static_cast<int>(length));
         // Only the first character decides: an indented comment is a bad line.
         if (line.at(0) == QLatin1Char('#') || line.at(0) == QLatin1Char('\n')) {
@@ -166,13 +171,18 @@ void AssignedDeviceHandler::keymapChanged(const EventDevice* device)
     if (device->isKeyPressed()) {
         return;
     }
+    // When a device goes away the kernel first releases every key still held, and only a moment
+    // later do reads fail. Such a release completes nothing: the device's pending commands are
+    // dropped, as its removal would drop them.
+    const bool releasedByPerson = !device->isReleasedByKernel();
     for (int i = 0; i < triggeredActions.size();) {
         TriggeredAction* triggered = triggeredActions.at(i);
         if (triggered->getEventDevice() != device) {
             ++i;
             continue;
         }
-        if (const SystemCommandAction* action = triggered->getAction()) {
+        const SystemCommandAction* action = triggered->getAction();
+        if (action && releasedByPerson) {
             action->executeCommand(device);
         }
         triggeredActions.removeAt(i);

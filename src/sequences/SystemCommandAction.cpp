@@ -3,16 +3,7 @@
 #include "common/Logger.h"
 #include "input/EventDevice.h"
 #include "sequences/AssignedDeviceHandler.h"
-
-#include <QByteArray>
-#include <QHash>
-#include <QVector>
-
-#include <cerrno>
-#include <cstdlib>
-#include <sys/types.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "sequences/CommandRunner.h"
 
 namespace {
 constexpr char logSource[] = "SystemCommandAction";
@@ -46,36 +37,11 @@ void SystemCommandAction::executeCommand(const EventDevice* device) const
         return;
     }
     SELVANE_LOG(LEVEL_INFO, "Executing command: " + command);
-
-    // Everything the child needs is converted here, before the fork: between
-    // fork and exec the child of a multi-threaded process may only make
-    // async-signal-safe calls, so it must not run Qt code that allocates.
-    // The command and the variables are converted byte for byte (Latin-1),
-    // the same way the configuration file was read.
-    QVector<QByteArray> environment;
-    const QHash<QString, QString> variables = device->getDeviceVariables();
-    for (auto it = variables.constBegin(); it != variables.constEnd(); ++it) {
-        environment.append(it.key().toUpper().toLatin1());
-        environment.append(it.value().toLatin1());
-    }
-    const QByteArray commandBytes = command.toLatin1();
-
-    const pid_t pid = fork();
-    if (pid == 0) {
-        // Same hash order as above: of two names that differ only by case the
-        // later one wins.
-        for (int i = 0; i + 1 < environment.size(); i += 2) {
-            setenv(environment.at(i).constData(), environment.at(i + 1).constData(), 1);
-        }
-        execl("/bin/bash", "bash", "-c", commandBytes.constData(), static_cast<char*>(nullptr));
-        // The exec failed: end here, never return into a second copy of the daemon.
-        _exit(127);
-    }
-    if (pid < 0) {
+    // The command and the variables go to the shell byte for byte (Latin-1), the way the
+    // configuration file was read.
+    const QVector<QByteArray> environment =
+        CommandRunner::buildEnvironment(device->getDeviceVariables());
+    if (!CommandRunner::run(command.toLatin1(), environment)) {
         SELVANE_LOG(LEVEL_ERROR, "Error executing command: " + command);
-        return;
-    }
-    // The daemon stands still until the command has finished.
-    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
     }
 }

@@ -7,6 +7,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <poll.h>
+
 using Orvanta::Logger;
 
 namespace {
@@ -240,14 +242,14 @@ private Q_SLOTS:
         QVERIFY(device.getFd() != -1);
     }
 
-    void oneReadTakesAtMost42Records()
+    void oneReadTakesAtMost128Records()
     {
         UmockdevTestbed testbed;
         const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         QVector<int> codes;
         QByteArray records;
-        for (int i = 0; i < 50; ++i) {
+        for (int i = 0; i < 150; ++i) {
             codes.append(KEY_1 + i);
             records += UmockdevTestbed::eventRecord(EV_KEY, KEY_1 + i, 1);
         }
@@ -262,7 +264,7 @@ private Q_SLOTS:
                 });
         QVERIFY(testbed.writeBytes(node, records));
         deliver(testbed, node, device);
-        QCOMPARE(reported, codes.mid(0, 42));
+        QCOMPARE(reported, codes.mid(0, 128));
         device.readDevice();
         QCOMPARE(reported, codes);
     }
@@ -426,6 +428,163 @@ private Q_SLOTS:
         QVERIFY(withoutKeys.isNull());
         QVERIFY(withoutTypes.isNull());
         qDeleteAll(devices);
+    }
+    void droppedRecordsAreReplacedByTheKernelsKeyState()
+    {
+        UmockdevTestbed testbed;
+        UmockdevDeviceState state;
+        state.keysDown = {KEY_A, KEY_B};
+        // After the drop: A came up, B is still down, C went down.
+        state.laterKeysDown = {{KEY_B, KEY_C}};
+        const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
+        EventDevice device(node);
+        QVERIFY(device.isKeyPressed(KEY_A));
+        EmissionRecorder recorder(device, {KEY_A, KEY_B, KEY_C, KEY_D});
+
+        QVERIFY(testbed.writeEvent(node, EV_SYN, SYN_DROPPED, 0));
+        // The rest of the broken frame is discarded, whatever it says.
+        QVERIFY(testbed.writeEvent(node, EV_KEY, KEY_D, 1));
+        QVERIFY(testbed.writeEvent(node, EV_SYN, SYN_REPORT, 0));
+        deliver(testbed, node, device);
+
+        QCOMPARE(recorder.emissions.size(), 2);
+        QCOMPARE(recorder.emissions[0].pressed, keys({KEY_B}));
+        QCOMPARE(recorder.emissions[0].pressedOnce, keys({}));
+        QCOMPARE(recorder.emissions[1].pressed, keys({KEY_B, KEY_C}));
+        QCOMPARE(recorder.emissions[1].pressedOnce, keys({KEY_C}));
+        QVERIFY(!device.isKeyPressed(KEY_A));
+        QVERIFY(!device.isKeyPressed(KEY_D));
+
+        // Records after the resynchronising frame count again.
+        QVERIFY(testbed.releaseKey(node, KEY_C));
+        deliver(testbed, node, device);
+        QCOMPARE(recorder.emissions.size(), 3);
+        QCOMPARE(recorder.emissions[2].pressed, keys({KEY_B}));
+    }
+
+    void aDropWithNothingChangedReportsNothing()
+    {
+        UmockdevTestbed testbed;
+        UmockdevDeviceState state;
+        state.keysDown = {KEY_A};
+        state.laterKeysDown = {{KEY_A}};
+        const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
+        EventDevice device(node);
+        EmissionRecorder recorder(device, {KEY_A});
+        QVERIFY(testbed.writeEvent(node, EV_SYN, SYN_DROPPED, 0));
+        QVERIFY(testbed.writeEvent(node, EV_SYN, SYN_REPORT, 0));
+        QVERIFY(testbed.pressKey(node, KEY_B));
+        deliver(testbed, node, device);
+        QCOMPARE(recorder.emissions.size(), 1);
+        QVERIFY(device.isKeyPressed(KEY_A));
+        QVERIFY(device.isKeyPressed(KEY_B));
+    }
+
+    void releaseFramesAreMarkedWhenTheKernelMadeThemUp_data()
+    {
+        QTest::addColumn<int>("reportValue");
+        QTest::addColumn<bool>("byKernel");
+        QTest::newRow("typed release") << 0 << false;
+        QTest::newRow("the kernel's release on unplug") << 1 << true;
+    }
+
+    void releaseFramesAreMarkedWhenTheKernelMadeThemUp()
+    {
+        QFETCH(int, reportValue);
+        QFETCH(bool, byKernel);
+        UmockdevTestbed testbed;
+        UmockdevDeviceState state;
+        state.keysDown = {KEY_LEFTCTRL, KEY_F1};
+        const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
+        EventDevice device(node);
+        QVector<bool> marks;
+        connect(&device, &EventDevice::keymapChanged, this, [&marks](const EventDevice* changed) {
+            marks.append(changed->isReleasedByKernel());
+        });
+        QVERIFY(testbed.writeEvent(node, EV_KEY, KEY_F1, 0));
+        QVERIFY(testbed.writeEvent(node, EV_KEY, KEY_LEFTCTRL, 0));
+        QVERIFY(testbed.writeEvent(node, EV_SYN, SYN_REPORT, reportValue));
+        // The next frame is a typed one again.
+        QVERIFY(testbed.pressKey(node, KEY_A));
+        deliver(testbed, node, device);
+        QCOMPARE(marks, QVector<bool>({byKernel, byKernel, false}));
+        QVERIFY(!device.isReleasedByKernel());
+    }
+
+    void recordsWaitInTheDevicesQueueUntilTheUpdate()
+    {
+        UmockdevTestbed testbed;
+        const QString node = testbed.addDevice(DeviceDescription::mouse());
+        EventDevice device(node);
+        EmissionRecorder recorder(device, {BTN_LEFT});
+        QVERIFY(testbed.pressKey(node, BTN_LEFT));
+        QVERIFY(testbed.waitForPendingInput(node));
+        // The socket notifier takes the records as they arrive, without processing them.
+        QVERIFY(QTest::qWaitFor([&] {
+            pollfd pending{device.getFd(), POLLIN, 0};
+            return poll(&pending, 1, 0) == 0;
+        }));
+        QCOMPARE(recorder.emissions.size(), 0);
+        QVERIFY(!device.isKeyPressed(BTN_LEFT));
+        device.readDevice();
+        QCOMPARE(recorder.emissions.size(), 1);
+        QVERIFY(device.isKeyPressed(BTN_LEFT));
+    }
+
+    void moreThanAnUpdatesShareOfRecordsWaitsForTheNextUpdate()
+    {
+        UmockdevTestbed testbed;
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
+        EventDevice device(node);
+        int emissions = 0;
+        connect(&device, &EventDevice::keymapChanged, this, [&emissions] { ++emissions; });
+        // More than one update processes, in portions the node's buffer holds, each taken by
+        // the notifier before the next.
+        int records = 0;
+        for (; records <= int(EventDevice::maxRecordsPerUpdate); records += 100) {
+            QByteArray bytes;
+            for (int i = 0; i < 50; ++i) {
+                bytes += UmockdevTestbed::eventRecord(EV_KEY, KEY_A, 1);
+                bytes += UmockdevTestbed::eventRecord(EV_KEY, KEY_A, 0);
+            }
+            QVERIFY(testbed.writeBytes(node, bytes));
+            QVERIFY(testbed.waitForPendingInput(node));
+            QVERIFY(QTest::qWaitFor([&] {
+                pollfd pending{device.getFd(), POLLIN, 0};
+                return poll(&pending, 1, 0) == 0;
+            }));
+        }
+        QCOMPARE(emissions, 0);
+        device.readDevice();
+        QCOMPARE(emissions, int(EventDevice::maxRecordsPerUpdate));
+        device.readDevice();
+        QCOMPARE(emissions, records);
+    }
+
+    void characterDevicesOtherThanInputDevicesAreNeverOpened()
+    {
+        LogCapture capture;
+        EventDevice device(QStringLiteral("/dev/null"));
+        QCOMPARE(device.getFd(), -1);
+        verifyLine(capture, QStringLiteral("Could not open /dev/null for reading."),
+                   Logger::LEVEL_WARNING, QStringLiteral("EventDevice"));
+        QCOMPARE(capture.entries().size(), 1);
+    }
+
+    void deviceNamesReachTheLogByteForByte()
+    {
+        UmockdevTestbed testbed;
+        const QByteArray utf8Name = QByteArrayLiteral("Clavier \xc2\xae Pro \xd0\x96");
+        const QString node =
+            testbed.addDevice(DeviceDescription::keyboard(QString::fromUtf8(utf8Name)));
+        LogCapture capture;
+        EventDevice device(node);
+        const QString expected =
+            "Name of device at " + node + " is " + QString::fromLatin1(utf8Name) + ".";
+        verifyLine(capture, expected, Logger::LEVEL_INFO, QStringLiteral("EventDevice"));
+        // The log writes Latin-1, so these are the kernel's bytes.
+        QCOMPARE(capture.find(expected)->message.toLatin1(),
+                 "Name of device at " + node.toLatin1() + " is " + utf8Name + ".");
     }
 };
 

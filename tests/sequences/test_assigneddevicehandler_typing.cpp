@@ -10,6 +10,9 @@
 
 #include <linux/input-event-codes.h>
 
+#include <poll.h>
+#include <thread>
+
 using Orvanta::Logger;
 
 // The assigned device handler with emulated keyboards: typing on them runs
@@ -236,6 +239,111 @@ private Q_SLOTS:
         type(node, KEY_F1, false);
         type(node, KEY_LEFTCTRL, false);
         QCOMPARE(output(), QByteArray("b\na\n"));
+    }
+
+    void theKernelsReleaseOnUnplugRunsNothing()
+    {
+        createHandler("KEY_LEFTCTRL:KEY_F1:echo ran >> " + out + "\n");
+        const QString node = addKeyboard(1);
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+        // What the kernel reports of a keyboard unplugged with both keys held: both released in
+        // one frame, which it marks with the value 1.
+        QVERIFY(testbed->writeEvent(node, EV_KEY, KEY_LEFTCTRL, 0));
+        QVERIFY(testbed->writeEvent(node, EV_KEY, KEY_F1, 0));
+        QVERIFY(testbed->writeEvent(node, EV_SYN, SYN_REPORT, 1));
+        QVERIFY(testbed->waitForPendingInput(node));
+        handler->update();
+        QVERIFY2(!QFile::exists(out), "the kernel's release ran the command");
+
+        // The trigger is gone, not just postponed; a typed combination still runs.
+        type(node, KEY_A, true);
+        type(node, KEY_A, false);
+        QVERIFY2(!QFile::exists(out), "the dropped trigger ran later");
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+        type(node, KEY_F1, false);
+        type(node, KEY_LEFTCTRL, false);
+        QCOMPARE(output(), QByteArray("ran\n"));
+    }
+
+    void aTypedReleaseOfBothKeysInOneFrameRunsTheCommand()
+    {
+        createHandler("KEY_LEFTCTRL:KEY_F1:echo ran >> " + out + "\n");
+        const QString node = addKeyboard(1);
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+        QVERIFY(testbed->writeEvent(node, EV_KEY, KEY_LEFTCTRL, 0));
+        QVERIFY(testbed->writeEvent(node, EV_KEY, KEY_F1, 0));
+        QVERIFY(testbed->writeEvent(node, EV_SYN, SYN_REPORT, 0));
+        QVERIFY(testbed->waitForPendingInput(node));
+        handler->update();
+        QCOMPARE(output(), QByteArray("ran\n"));
+    }
+
+    void keysTypedWhileACommandRunsAreHandledAfterItInOrder()
+    {
+        const QString started = dir->filePath("started");
+        const QString finish = dir->filePath("finish");
+        // The command waits until the test has typed during it.
+        createHandler("KEY_LEFTCTRL:KEY_F1:touch " + started + "; while [ ! -e " + finish +
+                      " ]; do sleep 0.01; done; echo ran >> " + out + "\n");
+        const QString node = addKeyboard(1);
+        EventDevice* device = handler->getEventDevice(node);
+        QVector<int> seen;
+        connect(device, &EventDevice::keymapChanged, this, [&](const EventDevice* changed) {
+            for (int key : {KEY_1, KEY_2, KEY_3}) {
+                if (changed->isKeyPressedOnce(key)) {
+                    seen.append(QFile::exists(out) ? key : -key);
+                }
+            }
+        });
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+        type(node, KEY_F1, false);
+
+        bool takenDuringTheCommand = false;
+        std::thread typist([&] {
+            QDeadlineTimer deadline(10000);
+            while (!QFile::exists(started) && !deadline.hasExpired()) {
+                QThread::msleep(5);
+            }
+            for (int key : {KEY_1, KEY_2, KEY_3}) {
+                testbed->pressKey(node, key);
+                testbed->releaseKey(node, key);
+            }
+            testbed->waitForPendingInput(node);
+            // Gives the waiting handler the time to take the records off the node.
+            const QDeadlineTimer drained(10000);
+            while (!drained.hasExpired()) {
+                pollfd pending{device->getFd(), POLLIN, 0};
+                if (poll(&pending, 1, 0) == 0) {
+                    takenDuringTheCommand = true;
+                    break;
+                }
+                QThread::msleep(5);
+            }
+            writeFile(finish, QByteArray());
+        });
+        type(node, KEY_LEFTCTRL, false);
+        typist.join();
+        QCOMPARE(output(), QByteArray("ran\n"));
+        QVERIFY2(takenDuringTheCommand, "nothing took the records while the command ran");
+        // Handled once the command had ended (positive codes), in the order typed.
+        QCOMPARE(seen, QVector<int>({KEY_1, KEY_2, KEY_3}));
+    }
+
+    void windowsLineEndsEndALineLikeAnyOther()
+    {
+        createHandler("# saved on another system\r\n\r\nKEY_LEFTCTRL:KEY_F1:echo ran >> " + out +
+                      "\r\n");
+        const QString node = addKeyboard(1);
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+        type(node, KEY_F1, false);
+        type(node, KEY_LEFTCTRL, false);
+        QCOMPARE(output(), QByteArray("ran\n"));
+        QVERIFY2(!QFile::exists(out + "\r"), "the command kept the carriage return");
     }
 
 private:

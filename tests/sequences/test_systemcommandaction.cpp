@@ -129,6 +129,7 @@ private Q_SLOTS:
         const QString out = dir->filePath("out");
         const QString escaped = dir->filePath("escaped");
         SystemCommandAction action("echo ran > " + out, nullptr);
+        LogCapture capture;
         const pid_t self = getpid();
         action.executeCommand(device);
         if (getpid() != self) {
@@ -141,6 +142,44 @@ private Q_SLOTS:
         }
         QVERIFY2(!QFile::exists(out), "the exec was expected to fail");
         QVERIFY2(!QFile::exists(escaped), "the child returned into the caller");
+        QVERIFY(capture.contains("Error executing command: echo ran > " + out));
+    }
+
+    void commandStartsWithDefaultSignalHandlingWhateverTheDaemonsIs()
+    {
+        // The daemon blocks, ignores and catches signals; the command inherits none of it.
+        sigset_t blocked;
+        sigset_t previousMask;
+        sigemptyset(&blocked);
+        sigaddset(&blocked, SIGUSR2);
+        QCOMPARE(sigprocmask(SIG_BLOCK, &blocked, &previousMask), 0);
+        struct sigaction ignore = {};
+        ignore.sa_handler = SIG_IGN;
+        struct sigaction previousPipe = {};
+        QCOMPARE(sigaction(SIGPIPE, &ignore, &previousPipe), 0);
+
+        const QString out = dir->filePath("out");
+        SystemCommandAction action("grep -E '^Sig(Blk|Ign):' /proc/self/status > " + out, nullptr);
+        action.executeCommand(device);
+        sigaction(SIGPIPE, &previousPipe, nullptr);
+        sigprocmask(SIG_SETMASK, &previousMask, nullptr);
+
+        QCOMPARE(readFile(out),
+                 QByteArray("SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n"));
+    }
+
+    void commandInheritsTheDaemonsEnvironmentUnderItsOwnVariables()
+    {
+        qputenv("SELVANE_TEST_INHERITED", "inherited");
+        qputenv("STATION_ID", "from the daemon");
+        device->setDeviceVariable("station_id", "3");
+        const QString out = dir->filePath("out");
+        SystemCommandAction action(
+            "printf '%s|%s' \"$SELVANE_TEST_INHERITED\" \"$STATION_ID\" > " + out, nullptr);
+        action.executeCommand(device);
+        qunsetenv("SELVANE_TEST_INHERITED");
+        qunsetenv("STATION_ID");
+        QCOMPARE(readFile(out), QByteArray("inherited|3"));
     }
 
     void performActionTwiceRecordsOneTrigger()

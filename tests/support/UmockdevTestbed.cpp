@@ -381,5 +381,9 @@ QString UmockdevTestbed::ioctlRecord(const QString& node, const DeviceDescriptio
     if (!state.ledStateFails) {
         lines << bitsLine("EVIOCGLED", 0, ledBytes, state.ledsOn);
     }
+    // umockdev answers each call with the next matching record after the last one it used.
+    for (const QVector<int>& keys : state.laterKeysDown) {
+        lines << bitsLine("EVIOCGKEY", 0, keyBytes, keys);
+    }
     return lines.join(QLatin1Char('\n')) + QLatin1Char('\n');
 }

@@ -52,7 +52,10 @@ typedef struct _UMockdevTestbed UMockdevTestbed;
 // What an emulated device answers when it is opened and probed.
 struct UmockdevDeviceState
 {
-    QVector<int> keysDown;       // keys reported as held by EVIOCGKEY
+    QVector<int> keysDown; // keys reported as held by EVIOCGKEY
+    // Answers of the later EVIOCGKEY calls, in order (as after a SYN_DROPPED), once keysDown has
+    // been answered.
+    QVector<QVector<int>> laterKeysDown;
     QVector<int> ledsOn;         // LEDs reported as lit by EVIOCGLED
     bool eventTypesFail = false; // EVIOCGBIT(0, ...) fails instead of answering
     bool ledStateFails = false;  // EVIOCGLED fails instead of answering

@@ -1,6 +1,7 @@
 #!/bin/bash
 # Builds the initramfs of the test VM: a static busybox, the modules that
-# reach the host's file system over virtio 9p plus evdev and uinput, and the
+# reach the host's file system over virtio 9p plus evdev, uinput and overlay
+# (the daemon under test runs in a private mount namespace), and the
 # init script. The modules come from the host's /lib/modules of the kernel
 # that is booted; compressed ones are stored decompressed because busybox
 # insmod may not read xz or zstd.
@@ -20,7 +21,7 @@ busybox=${SELVANE_VM_BUSYBOX:-/bin/busybox}
 
 # Load order: each module needs only those before it.
 modules=(virtio_ring virtio virtio_pci_modern_dev virtio_pci_legacy_dev virtio_pci
-         netfs fscache 9pnet 9pnet_virtio 9p evdev uinput)
+         netfs fscache 9pnet 9pnet_virtio 9p evdev uinput overlay)
 
 staging=$(mktemp -d "${output}.staging.XXXXXX")
 trap 'rm -rf "$staging"' EXIT
