@@ -13,7 +13,10 @@
 #include <QtTest>
 
 #include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
 #include <memory>
+#include <unistd.h>
 
 namespace {
 
@@ -159,6 +162,38 @@ private Q_SLOTS:
         QDBusConnection::disconnectFromBus("check");
         kill(first, SIGTERM);
         QCOMPARE(DaemonRunner::waitForExit(first), 0);
+    }
+
+    void foreignCharacterDevicesAreRefusedWithoutBeingOpened()
+    {
+        // A pseudo-terminal that nobody else holds, and /dev/null: character devices that are
+        // not input devices, named by the platform as if they were.
+        const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        QVERIFY(terminal != -1);
+        QVERIFY(grantpt(terminal) == 0 && unlockpt(terminal) == 0);
+        const QString terminalPath = QString::fromLatin1(ptsname(terminal));
+        QCOMPARE(runner->run({"-c", config}).status, 0);
+        const pid_t daemon = runner->waitForDaemon();
+        QVERIFY(daemon > 0);
+        QVERIFY(DaemonRunner::waitForLine(runner->defaultLogFile(), establishedLine));
+        QDBusConnection platform = QDBusConnection::connectToBus(runner->busAddress(), "platform");
+        int station = 0;
+        for (const QString& path : {terminalPath, QStringLiteral("/dev/null")}) {
+            const QDBusMessage reply =
+                platform.call(DaemonRunner::daemonCall("deviceAddedToStation", {path, ++station}));
+            QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
+            QVERIFY2(DaemonRunner::waitForLine(runner->defaultLogFile(),
+                                               logLine("Warning", "EventDevice", "EventDevice",
+                                                       "Could not open " + path + " for reading.")),
+                     qPrintable(DaemonRunner::readLines(runner->defaultLogFile()).join('\n')));
+            QCOMPARE(indexOf(DaemonRunner::readLines(runner->defaultLogFile()),
+                             DaemonRunner::logMessage("Opened " + path + " for reading ")),
+                     -1);
+        }
+        QDBusConnection::disconnectFromBus("platform");
+        close(terminal);
+        kill(daemon, SIGTERM);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
     }
 
 private:
