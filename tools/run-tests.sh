@@ -22,7 +22,11 @@ packages=(
     librsvg2-bin
     xvfb libxcb-xfixes0-dev
     xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils
+    scdoc mandoc systemd logrotate dpkg-dev lintian
 )
+
+# The CTest labels (tests/CMakeLists.txt); each must run at least one test.
+tiers=(unit umockdev dbus blackbox x11 vm package)
 
 install_missing_packages() {
     local missing=()
@@ -55,6 +59,14 @@ build_and_test() {
         echo "== $dir: some tests were skipped: every tier must run" >&2
         status=1
     fi
+    # "Label Time Summary:" lists every label that ran, as "blackbox    =   0.84 sec*proc (2 tests)".
+    local tier
+    for tier in "${tiers[@]}"; do
+        if ! grep -qE "^$tier +=" "$log"; then
+            echo "== $dir: the tier $tier ran no test" >&2
+            status=1
+        fi
+    done
     # "100% tests passed, 0 tests failed out of 22"
     local summary
     summary=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
