@@ -55,13 +55,14 @@ QString errorText(int error)
 }
 
 // Opening some character devices has side effects (a watchdog starts counting, a modem line is
-// raised), so of character devices only input devices are ever opened.
+// raised), so of character devices only input devices are ever opened. A node without a device
+// number (0:0, which no driver has; an emulated node may look so) reaches no driver at all.
 bool isForeignCharacterDevice(const QByteArray& path)
 {
     struct stat status
     {
     };
-    return stat(path.constData(), &status) == 0 && S_ISCHR(status.st_mode) &&
+    return stat(path.constData(), &status) == 0 && S_ISCHR(status.st_mode) && status.st_rdev != 0 &&
            major(status.st_rdev) != inputMajor;
 }
 

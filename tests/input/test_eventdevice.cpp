@@ -561,6 +561,31 @@ private Q_SLOTS:
         QCOMPARE(emissions, records);
     }
 
+    void nodesAreOpenedByTheirDeviceNumber_data()
+    {
+        QTest::addColumn<int>("major");
+        QTest::addColumn<bool>("opened");
+        QTest::newRow("input device, major 13") << 13 << true;
+        QTest::newRow("serial port, major 4") << 4 << false;
+        QTest::newRow("pseudo-terminal, major 136") << 136 << false;
+        QTest::newRow("no device number, no driver behind it") << 0 << true;
+    }
+
+    void nodesAreOpenedByTheirDeviceNumber()
+    {
+        QFETCH(int, major);
+        QFETCH(bool, opened);
+        UmockdevTestbed testbed;
+        UmockdevDeviceState state;
+        state.deviceMajor = major;
+        const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
+        LogCapture capture;
+        EventDevice device(node);
+        QCOMPARE(device.getFd() != -1, opened);
+        QCOMPARE(capture.contains("Could not open " + node + " for reading."), !opened);
+        QCOMPARE(capture.contains("Opened " + node + " for reading "), opened);
+    }
+
     void characterDevicesOtherThanInputDevicesAreNeverOpened()
     {
         LogCapture capture;

@@ -158,13 +158,14 @@ QString UmockdevTestbed::addDevice(const DeviceDescription& description,
                                                 "N: input/event%2\n"
                                                 "E: DEVNAME=%3\n"
                                                 "E: SUBSYSTEM=input\n"
-                                                "E: ID_INPUT=1\n"
-                                                "A: dev=%4:%5\n")
+                                                "E: ID_INPUT=1\n")
                                      .arg(sysPath)
                                      .arg(number)
-                                     .arg(node)
-                                     .arg(evdevMajor)
-                                     .arg(evdevMinorBase + number);
+                                     .arg(node) +
+                                 (state.deviceMajor == 0 ? QString()
+                                                         : QStringLiteral("A: dev=%1:%2\n")
+                                                               .arg(state.deviceMajor)
+                                                               .arg(evdevMinorBase + number));
     GError* error = nullptr;
     if (!umockdev_testbed_add_from_string(testbed.get(), deviceRecord.toUtf8().constData(),
                                           &error)) {

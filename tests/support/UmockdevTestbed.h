@@ -59,6 +59,9 @@ struct UmockdevDeviceState
     QVector<int> ledsOn;         // LEDs reported as lit by EVIOCGLED
     bool eventTypesFail = false; // EVIOCGBIT(0, ...) fails instead of answering
     bool ledStateFails = false;  // EVIOCGLED fails instead of answering
+    // The major number stat() reports for the node: 13 for an input device; 0 gives the node no
+    // device number at all (stat() reports 0:0).
+    int deviceMajor = 13;
 };
 
 class UmockdevTestbed
