@@ -1,6 +1,8 @@
 #include "OverlayTestBed.h"
+#include "DaemonRunner.h"
 
 #include "TestFiles.h"
+#include "UmockdevTestbed.h"
 #include "XvfbServer.h"
 
 #include "input/InputKeyCode.h"
@@ -49,6 +51,21 @@ QString OverlayTestBed::unavailableReason(bool needsX)
     }
     if (needsX && !XvfbServer().start()) {
         return QStringLiteral("Xvfb cannot be started");
+    }
+    return QString();
+}
+
+QString OverlayTestBed::stationBlackboxUnavailableReason()
+{
+    const QString reason = DaemonRunner::unavailableReason();
+    if (!reason.isEmpty()) {
+        return reason;
+    }
+    if (UmockdevTestbed::preloadLibrary().isEmpty()) {
+        return QStringLiteral("umockdev's preload library is not installed");
+    }
+    if (!XvfbServer::isInstalled()) {
+        return QStringLiteral("Xvfb is not installed");
     }
     return QString();
 }

@@ -32,6 +32,9 @@ public:
     // Why the tests cannot run here (not isolated, no dbus-daemon, no Xvfb
     // when needsX), or an empty string.
     static QString unavailableReason(bool needsX);
+    // Why the built daemon cannot be run here against Xvfb stations and
+    // emulated devices, or an empty string.
+    static QString stationBlackboxUnavailableReason();
 
     // A file under the daemon's data directory, e.g. "images/ALPHA.png".
     static QString dataPath(const QString& relativePath);
@@ -76,6 +79,22 @@ private:
     {                                                                                              \
         QGuiApplication app(argc, argv);                                                           \
         const QString reason = OverlayTestBed::unavailableReason(needsX);                          \
+        if (!reason.isEmpty()) {                                                                   \
+            std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));                                \
+            return 77;                                                                             \
+        }                                                                                          \
+        TestObject test;                                                                           \
+        QTEST_SET_MAIN_SOURCE_PATH                                                                 \
+        return QTest::qExec(&test, argc, argv);                                                    \
+    }
+
+// For tests of the built daemon with Xvfb stations and emulated devices: skips
+// (77) when one of them is missing here.
+#define SELVANE_STATION_BLACKBOX_TEST_MAIN(TestObject)                                             \
+    int main(int argc, char** argv)                                                                \
+    {                                                                                              \
+        QGuiApplication app(argc, argv);                                                           \
+        const QString reason = OverlayTestBed::stationBlackboxUnavailableReason();                 \
         if (!reason.isEmpty()) {                                                                   \
             std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));                                \
             return 77;                                                                             \

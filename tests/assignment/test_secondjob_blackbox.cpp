@@ -4,6 +4,7 @@
 // simulator's record of what the daemon reports.
 #include "DaemonRunner.h"
 #include "EmulatedInput.h"
+#include "OverlayTestBed.h"
 #include "PlatformSimulatorProcess.h"
 #include "UmockdevTestbed.h"
 #include "XDisplayProbe.h"
@@ -225,23 +226,6 @@ private:
 };
 
 // Skipped (77) without a private mount namespace, dbus-daemon, umockdev or Xvfb.
-int main(int argc, char* argv[])
-{
-    QGuiApplication application(argc, argv);
-    QString reason = DaemonRunner::unavailableReason();
-    if (reason.isEmpty() && UmockdevTestbed::preloadLibrary().isEmpty()) {
-        reason = "umockdev's preload library is not installed";
-    }
-    if (reason.isEmpty() && !XvfbServer::isInstalled()) {
-        reason = "Xvfb is not installed";
-    }
-    if (!reason.isEmpty()) {
-        fprintf(stderr, "SKIP: %s\n", qPrintable(reason));
-        return 77;
-    }
-    SecondJobBlackboxTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
-}
+SELVANE_STATION_BLACKBOX_TEST_MAIN(SecondJobBlackboxTest)
 
 #include "test_secondjob_blackbox.moc"
