@@ -22,7 +22,7 @@ constexpr int maxBacktraceFrames = 100;
 // The handler formats and writes log lines (QString, QDateTime, the file
 // channel) and asks the unwinder for the backtrace; sanitizer builds use
 // larger frames. Pages that are never touched cost nothing.
-constexpr size_t alternateStackSize = 512 * 1024;
+constexpr size_t alternateStackSize = size_t{512} * 1024;
 
 // Prepared when the handler is installed, so the handler needs no allocation
 // to remove the pid file.
