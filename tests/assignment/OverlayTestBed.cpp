@@ -2,7 +2,6 @@
 #include "DaemonRunner.h"
 
 #include "TestFiles.h"
-#include "UmockdevTestbed.h"
 #include "XvfbServer.h"
 
 #include "input/InputKeyCode.h"
@@ -57,17 +56,11 @@ QString OverlayTestBed::unavailableReason(bool needsX)
 
 QString OverlayTestBed::stationBlackboxUnavailableReason()
 {
-    const QString reason = DaemonRunner::unavailableReason();
-    if (!reason.isEmpty()) {
-        return reason;
-    }
-    if (UmockdevTestbed::preloadLibrary().isEmpty()) {
-        return QStringLiteral("umockdev's preload library is not installed");
-    }
-    if (!XvfbServer::isInstalled()) {
+    const QString reason = DaemonRunner::unavailableReasonWithEmulatedInput();
+    if (reason.isEmpty() && !XvfbServer::isInstalled()) {
         return QStringLiteral("Xvfb is not installed");
     }
-    return QString();
+    return reason;
 }
 
 QString OverlayTestBed::dataPath(const QString& relativePath)

@@ -93,13 +93,6 @@ private:
 #define SELVANE_STATION_BLACKBOX_TEST_MAIN(TestObject)                                             \
     int main(int argc, char** argv)                                                                \
     {                                                                                              \
-        QGuiApplication app(argc, argv);                                                           \
-        const QString reason = OverlayTestBed::stationBlackboxUnavailableReason();                 \
-        if (!reason.isEmpty()) {                                                                   \
-            std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));                                \
-            return 77;                                                                             \
-        }                                                                                          \
-        TestObject test;                                                                           \
-        QTEST_SET_MAIN_SOURCE_PATH                                                                 \
-        return QTest::qExec(&test, argc, argv);                                                    \
+        return runUnlessUnavailable<QGuiApplication, TestObject>(                                  \
+            argc, argv, &OverlayTestBed::stationBlackboxUnavailableReason);                        \
     }

@@ -108,18 +108,8 @@ void DBusFirstJobTest::assignedKeyboardRunsItsCommandUntilRemoved()
 // Skipped (77) without a private mount namespace, dbus-daemon or umockdev.
 int main(int argc, char* argv[])
 {
-    QCoreApplication application(argc, argv);
-    QString reason = DaemonRunner::unavailableReason();
-    if (reason.isEmpty() && UmockdevTestbed::preloadLibrary().isEmpty()) {
-        reason = "umockdev's preload library is not installed";
-    }
-    if (!reason.isEmpty()) {
-        fprintf(stderr, "SKIP: %s\n", qPrintable(reason));
-        return 77;
-    }
-    DBusFirstJobTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
+    return runUnlessUnavailable<QCoreApplication, DBusFirstJobTest>(
+        argc, argv, &DaemonRunner::unavailableReasonWithEmulatedInput);
 }
 
 #include "test_dbus_firstjob.moc"

@@ -1,5 +1,7 @@
 #include "DaemonRunner.h"
 
+#include "UmockdevTestbed.h"
+
 #include "TestFiles.h"
 
 #include <QDeadlineTimer>
@@ -131,6 +133,15 @@ QString DaemonRunner::unavailableReason()
             .arg(status);
     }
     return QString();
+}
+
+QString DaemonRunner::unavailableReasonWithEmulatedInput()
+{
+    const QString reason = unavailableReason();
+    if (reason.isEmpty() && UmockdevTestbed::preloadLibrary().isEmpty()) {
+        return QStringLiteral("umockdev's preload library is not installed");
+    }
+    return reason;
 }
 
 DaemonRunner::DaemonRunner()

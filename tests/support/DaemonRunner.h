@@ -40,6 +40,8 @@ public:
     // Why the daemon cannot be run here (no private mount namespace, no
     // dbus-daemon), or an empty string.
     static QString unavailableReason();
+    // The same, and also when umockdev cannot emulate devices for the daemon.
+    static QString unavailableReasonWithEmulatedInput();
 
     DaemonRunner();
     // Kills the adopted daemons that still run, then the bus.
@@ -134,20 +136,29 @@ private:
     int runCount = 0;
 };
 
-// Like QTEST_GUILESS_MAIN, but exits with 77 (skipped) when the daemon cannot
-// be run here, so such a test is never counted as passed without having run.
+// Runs the test object on the given application class, or exits with 77
+// (skipped) when `unavailableReason` names something this machine lacks, so
+// that such a test is never counted as passed without having run.
+template <typename Application, typename TestObject>
+int runUnlessUnavailable(int argc, char** argv, QString (*unavailableReason)())
+{
+    Application application(argc, argv);
+    const QString reason = unavailableReason();
+    if (!reason.isEmpty()) {
+        std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));
+        return 77;
+    }
+    TestObject test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
+
+// Like QTEST_GUILESS_MAIN, but skipped (77) when the daemon cannot be run here.
 #define SELVANE_DAEMON_TEST_MAIN(TestObject)                                                       \
     int main(int argc, char** argv)                                                                \
     {                                                                                              \
-        QCoreApplication app(argc, argv);                                                          \
-        const QString reason = DaemonRunner::unavailableReason();                                  \
-        if (!reason.isEmpty()) {                                                                   \
-            std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));                                \
-            return 77;                                                                             \
-        }                                                                                          \
-        TestObject test;                                                                           \
-        QTEST_SET_MAIN_SOURCE_PATH                                                                 \
-        return QTest::qExec(&test, argc, argv);                                                    \
+        return runUnlessUnavailable<QCoreApplication, TestObject>(                                 \
+            argc, argv, &DaemonRunner::unavailableReason);                                         \
     }
 
 // Runs the test object with a private dbus-daemon as the session bus of the
