@@ -2,6 +2,7 @@
 
 #include "Paths.h"
 #include "assignment/AssignmentAction.h"
+#include "assignment/StationThread.h"
 #include "common/Logger.h"
 #include "input/EventDevice.h"
 #include "input/InputKeyCode.h"
@@ -39,6 +40,9 @@ AssignmentHandler::AssignmentHandler(DBusInterface& dbus, const Selvane& central
 AssignmentHandler::~AssignmentHandler()
 {
     qDeleteAll(displayConfigurations);
+    // A station thread that was still composing when it was stopped uses the
+    // central object's languages until it ends.
+    StationThread::joinAbandoned(true);
     // A blinker gives its keyboard the LEDs back, so it goes before the device.
     qDeleteAll(ledBlinkers);
     qDeleteAll(unassignedDevices);
@@ -192,6 +196,7 @@ void AssignmentHandler::update()
     for (DisplayConfiguration* display : qAsConst(displayConfigurations)) {
         display->update();
     }
+    StationThread::joinAbandoned(false);
     for (LedBlinker* blinker : qAsConst(ledBlinkers)) {
         blinker->update();
     }

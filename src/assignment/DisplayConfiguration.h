@@ -1,36 +1,34 @@
 #pragma once
 
-#include "assignment/XcbHandles.h"
+#include "assignment/OverlayContent.h"
 
-#include <QImage>
 #include <QObject>
 #include <QString>
-#include <QVector>
 
-#include <xcb/xcb.h>
-
-#include <cstdint>
+#include <memory>
 
 class DBusInterface;
 class EventDevice;
-class QDeadlineTimer;
-class QPainter;
 class Selvane;
+class StationThread;
 class TranslationLanguage;
 
-// The on-screen side of assigning one station's keyboard and mouse. It owns a
-// full-screen overlay window on the station's X display (:displayId) that asks
-// the user to press the station's assignment key or to click, in the language
-// of the user of that station. When the assignment action reports that key on
-// some unassigned device, it tells the platform's assignment service, moves on
-// to its next state and emits keyboardAssigned or mouseAssigned.
+namespace Orvanta {
+class PendingCallGroup;
+}
+
+// The assignment of one station's keyboard and mouse on its X display
+// (:displayId): the state machine, the station's assignment key, the language
+// of the station's user and the platform's values for the overlay. When the
+// assignment action reports that key on some unassigned device, it tells the
+// platform's assignment service, moves on to its next state and emits
+// keyboardAssigned or mouseAssigned.
 //
-// Everything runs on the main thread: update() polls X events and never
-// blocks; the only waits are the D-Bus calls for the locale, the device counts
-// and the station tags, and the atom replies when the display is opened, each
-// bounded to 2 s. A server that stops reading can still hold the thread in
-// xcb_connect(), in the extension queries and in any write once its socket is
-// full (the upload of a picture fills it at once).
+// It lives on the main thread and never waits there: the platform is asked
+// with pending calls (each picture's calls share one 2 s bound), and the
+// overlay itself, the X connection with its window and the composition of
+// the picture, runs on the station's own thread (StationThread), which is
+// handed each picture as a value and reports back what happened to its server.
 class DisplayConfiguration : public QObject
 {
     Q_OBJECT
@@ -54,11 +52,12 @@ public:
         OVERLAY_IMAGE_NONE = 2
     };
 
-    // Asks the session controller for the locale of the display's user and
-    // chooses the language; the display is opened later, by openDisplay() or
-    // the first update().
+    // Asks the session controller for the locale of the display's user; once
+    // it answers (or its bound has passed) the language is chosen and the
+    // station's thread opens the display.
     DisplayConfiguration(DBusInterface& dbus, const Selvane& central, OverlayImage overlayImage,
                          int displayId, int stationId);
+    // Stops the station's thread, which closes the overlay.
     ~DisplayConfiguration() override;
 
     DisplayConfiguration(const DisplayConfiguration&) = delete;
@@ -72,41 +71,24 @@ public:
     QString getAssignmentKey() const { return assignmentKey; }
     // The language of the overlay's texts, or null when none was found.
     const TranslationLanguage* getLanguage() const { return language; }
-    // The composed picture and its scale from the background's pixel space.
-    const QImage& getImage() const { return image; }
-    double getScaleX() const { return scaleX; }
-    double getScaleY() const { return scaleY; }
+    // True once the locale was answered, or its bound has passed.
+    bool isLanguageDetermined() const { return languageDetermined; }
+    // True while the station's X server holds the overlay's connection.
+    bool isDisplayConnected() const { return displayConnected; }
 
     // The assignment key was pressed on `device`.
     void assignmentKeyPressed(const EventDevice* device);
     void configureKeyboard();
     // busy: show the please-wait picture, which accepts no click.
     void configureMouse(bool busy);
-    // One step: opens the display when needed, handles the pending X events
-    // and rebuilds the picture when asked to.
+    // Has the station's thread open the display as soon as the language is
+    // chosen, without waiting for the first update().
+    void openDisplay();
+    // One periodic step: lets the station's thread handle its server's events
+    // and starts the picture asked for by recreateImage().
     void update();
-    // Rebuilds the picture at the next update(), e.g. after the counts changed.
+    // Composes the picture anew at the next update(), e.g. after the counts changed.
     void recreateImage() { needsNewImage = true; }
-
-    // The X side.
-    bool openDisplay();
-    // The atom asked for with `cookie`, read before the deadline; 0 without a reply.
-    xcb_atom_t getAtom(const char* name, xcb_intern_atom_cookie_t cookie,
-                       const QDeadlineTimer& deadline);
-    void hideBorder(xcb_intern_atom_cookie_t motifWmHintsCookie, const QDeadlineTimer& deadline);
-    void hideCursor();
-    void raiseWindow();
-    void setWmStateBeforeMapping(QVector<unsigned int> atoms);
-    void setWmStateAfterMapping(unsigned int atom);
-    bool createXImage();
-    void redrawWindow();
-    void closeDisplay();
-
-    // The picture.
-    bool loadImage(QString fileName);
-    bool setupKeyboardImage();
-    bool setupMouseImage(bool busy);
-    void renderLabelOnKey(QPainter& painter);
 
     // The language.
     void determineLanguage(const Selvane& central, QString locale);
@@ -120,33 +102,36 @@ Q_SIGNALS:
     void mouseAssigned(DisplayConfiguration* displayConfiguration, const EventDevice* device);
 
 private:
-    void handleEvent(const xcb_generic_event_t& event);
-    void requestWmStates();
-    // Forgets the server's resources without a request: the server is gone.
-    void dropDisplay();
-    int countFromDatabase(const char* method);
-    QString stationTag(const QString& tagName);
+    void localeAnswered(const QString& locale);
+    void takeStationReports();
+    // Asks the platform for the values of the picture of the current state;
+    // the picture is handed to the station once they are in.
+    void requestPicture();
+    void valuesArrived();
+    // Forgets the calls of a picture that is no longer wanted; their late
+    // answers are dropped.
+    void dropValueCalls();
 
     OverlayImage overlayImage;
     State state = STATE_START;
     DBusInterface& dbus;
+    const Selvane& centralObject;
     int displayId;
     int stationId;
-    XcbConnection connection;
-    xcb_screen_t* screen = nullptr;
-    xcb_window_t window = 0;
-    uint32_t width = 0;
-    uint32_t height = 0;
-    xcb_atom_t wmStateAtom = 0;
-    xcb_atom_t wmStateAboveAtom = 0;
-    xcb_atom_t wmStateStaysOnTopAtom = 0;
-    bool needsNewImage = false;
-    QImage image;
-    double scaleX = 1.0;
-    double scaleY = 1.0;
-    xcb_pixmap_t pixmap = 0;
-    xcb_gcontext_t gc = 0;
     const TranslationLanguage* language = nullptr;
     QString assignmentKey;
-    uint8_t randrEventBase = 0;
+    bool languageDetermined = false;
+    bool openRequested = false;
+    bool displayConnected = false;
+    bool needsNewImage = false;
+    // The picture that is wanted; an older one is never shown.
+    int wantedGeneration = 0;
+    // The picture handed to the station and not done yet, or 0.
+    int composingGeneration = 0;
+    // The picture whose values are being asked for.
+    OverlayContent requestedContent;
+    // Children of this object, so that none outlives it.
+    Orvanta::PendingCallGroup* localeCall = nullptr;
+    Orvanta::PendingCallGroup* valueCalls = nullptr;
+    std::unique_ptr<StationThread> station;
 };

@@ -7,11 +7,11 @@
 #include <QDateTime>
 #include <QFileInfo>
 #include <QMessageLogContext>
-#include <QMutexLocker>
-#include <QRecursiveMutex>
+#include <QThread>
 
 #include <cstdarg>
 #include <cstdio>
+#include <mutex>
 
 namespace Orvanta {
 
@@ -23,13 +23,17 @@ constexpr int formatBufferSize = 1024;
 // because logging runs into logging on the same thread (levelToString warns,
 // a directly connected slot of `message` may log, and the SIGSEGV report may
 // interrupt a write in progress).
-QRecursiveMutex& loggerMutex()
+// A standard mutex rather than Qt's, so that ThreadSanitizer sees the
+// station threads' lines handed over.
+std::recursive_mutex& loggerMutex()
 {
     // Never destroyed: Qt's messages are forwarded here until the very end,
     // after static destructors have run.
-    static QRecursiveMutex* const mutex = new QRecursiveMutex;
+    static auto* const mutex = new std::recursive_mutex;
     return *mutex;
 }
+
+using LoggerLock = std::lock_guard<std::recursive_mutex>;
 } // namespace
 
 Logger* Logger::instance = nullptr;
@@ -53,7 +57,7 @@ void Logger::closeLogFile()
 
 void Logger::initialize()
 {
-    const QMutexLocker lock(&loggerMutex());
+    const LoggerLock lock(loggerMutex());
     if (!instance) {
         instance = new Logger();
     }
@@ -61,20 +65,20 @@ void Logger::initialize()
 
 Logger* Logger::getInstance()
 {
-    const QMutexLocker lock(&loggerMutex());
+    const LoggerLock lock(loggerMutex());
     return instance;
 }
 
 void Logger::shutDown()
 {
-    const QMutexLocker lock(&loggerMutex());
+    const LoggerLock lock(loggerMutex());
     delete instance;
     instance = nullptr;
 }
 
 void Logger::enableStandardOutputChannel(Level level)
 {
-    const QMutexLocker lock(&loggerMutex());
+    const LoggerLock lock(loggerMutex());
     if (instance) {
         instance->standardOutputThreshold = level;
     }
@@ -82,7 +86,7 @@ void Logger::enableStandardOutputChannel(Level level)
 
 void Logger::enableFileChannel(Level level, QString fileName, bool append)
 {
-    const QMutexLocker lock(&loggerMutex());
+    const LoggerLock lock(loggerMutex());
     if (!instance) {
         return;
     }
@@ -117,7 +121,7 @@ void Logger::enableFileChannel(Level level, QString fileName, bool append)
 void Logger::enableDBusChannel(Level level, QString connectionName, QString serviceName,
                                QString objectPath, QString sourceName, QString methodName)
 {
-    const QMutexLocker lock(&loggerMutex());
+    const LoggerLock lock(loggerMutex());
     if (!instance) {
         return;
     }
@@ -134,7 +138,7 @@ void Logger::enableDBusChannel(Level level, QString connectionName, QString serv
 
 void Logger::write(Level level, QString file, QString function, int line, QString message)
 {
-    const QMutexLocker lock(&loggerMutex());
+    const LoggerLock lock(loggerMutex());
     if (!instance || level > LEVEL_DEBUG) {
         return;
     }
@@ -149,13 +153,28 @@ void Logger::write(Level level, QString file, QString function, int line, QStrin
         instance->writeToFile(level, formatForLevel(time, level, file, function, line, message));
     }
     if (level <= instance->dbusThreshold) {
-        instance->writeToDBus(level, formatForLevel(time, level, file, function, line, message));
+        const QString formatted = formatForLevel(time, level, file, function, line, message);
+        if (QThread::currentThread() == instance->thread()) {
+            instance->writeToDBus(level, formatted);
+        } else {
+            // The channel's proxy belongs to the logger's thread: a line of a
+            // station's thread is sent from there, after the lines before it.
+            QMetaObject::invokeMethod(
+                instance,
+                [level, formatted] {
+                    const LoggerLock channelLock(loggerMutex());
+                    if (instance && level <= instance->dbusThreshold) {
+                        instance->writeToDBus(level, formatted);
+                    }
+                },
+                Qt::QueuedConnection);
+        }
     }
 }
 
 void Logger::write(Level level, QString file, QString function, int line, const char* format, ...)
 {
-    const QMutexLocker lock(&loggerMutex());
+    const LoggerLock lock(loggerMutex());
     if (!instance) {
         return;
     }

@@ -122,5 +122,9 @@ OverlayTestBed::~OverlayTestBed()
 std::unique_ptr<DisplayConfiguration>
 OverlayTestBed::create(int displayId, int stationId, DisplayConfiguration::OverlayImage overlay)
 {
-    return std::make_unique<DisplayConfiguration>(*dbus, *central, overlay, displayId, stationId);
+    auto display =
+        std::make_unique<DisplayConfiguration>(*dbus, *central, overlay, displayId, stationId);
+    // The locale is asked without waiting; the tests start from its answer.
+    DaemonRunner::waitUntil([&] { return display->isLanguageDetermined(); });
+    return display;
 }

@@ -57,6 +57,7 @@ public:
     // Makes the central object anew, which reads the translations again.
     void recreateCentral();
 
+    // A display configuration whose language is chosen: its locale was answered.
     std::unique_ptr<DisplayConfiguration>
     create(int displayId, int stationId,
            DisplayConfiguration::OverlayImage overlay = DisplayConfiguration::OVERLAY_IMAGE_NONE);

@@ -67,6 +67,27 @@ private Q_SLOTS:
         testbed.reset();
     }
 
+private:
+    // The display configurations ask for their locales and open their
+    // displays without waiting: waits until each has its language and has
+    // connected, or has logged its failed connection.
+    void settle()
+    {
+        QVERIFY(DaemonRunner::waitUntil([&] {
+            for (const DisplayConfiguration* display : handler->getDisplayConfigurations()) {
+                const QString failed = QStringLiteral("Could not get connection to display :%1")
+                                           .arg(display->getDisplayId());
+                if (!display->isLanguageDetermined() ||
+                    (!display->isDisplayConnected() && !bed->getLog().contains(failed))) {
+                    return false;
+                }
+            }
+            return true;
+        }));
+    }
+
+private Q_SLOTS:
+
     void theAssignmentKeysAreF1ToF12AToZAndTheLeftButton()
     {
         QStringList names;
@@ -181,14 +202,21 @@ private Q_SLOTS:
         handler->configureKeyboard(station.getDisplayNumber(), 2);
         handler->update();
         // Every composition of the keyboard picture asks for the counts first.
+        // They are asked for without waiting, and the picture is composed on
+        // the station's thread: the checks below give them time to happen.
+        QVERIFY(DaemonRunner::waitUntil([&] { return compositions() >= 1; }));
+        QTest::qWait(300);
         const int composed = compositions();
-        QVERIFY(composed >= 1);
         handler->update();
+        QTest::qWait(300);
         QCOMPARE(compositions(), composed);
 
         handler->removeUnassignedDevice("/dev/input/event42");
+        QTest::qWait(300);
         QCOMPARE(compositions(), composed); // only marked, drawn at the next update
         handler->update();
+        QVERIFY(DaemonRunner::waitUntil([&] { return compositions() == composed + 1; }));
+        QTest::qWait(300);
         QCOMPARE(compositions(), composed + 1);
     }
 
@@ -201,7 +229,8 @@ private Q_SLOTS:
         QCOMPARE(display->getAssignmentKey(), QString("KEY_F3"));
         QCOMPARE(boundDisplay(*handler, "KEY_F3"), display);
         // The display is opened at once, not only at the first update.
-        QVERIFY(bed->getLog().contains("Could not get connection to display :5"));
+        QVERIFY(DaemonRunner::waitUntil(
+            [&] { return bed->getLog().contains("Could not get connection to display :5"); }));
     }
 
     void configureKeyboardReusesTheDisplaysConfiguration()
@@ -257,6 +286,7 @@ private Q_SLOTS:
         const QString keyboard = testbed->addDevice(DeviceDescription::keyboard());
         QVERIFY(handler->addUnassignedDevice(keyboard));
         handler->configureKeyboard(5, 2);
+        settle();
         const int before = bed->callCount();
 
         type(keyboard, KEY_F3);
@@ -280,6 +310,7 @@ private Q_SLOTS:
         QVERIFY(handler->addUnassignedDevice(keyboard));
         handler->configureKeyboard(5, 2); // F3
         handler->configureKeyboard(6, 3); // F4
+        settle();
         const int before = bed->callCount();
 
         // Both presses are read in one update: the second comes after the
@@ -307,6 +338,7 @@ private Q_SLOTS:
         const QString keyboard = testbed->addDevice(DeviceDescription::keyboard());
         QVERIFY(handler->addUnassignedDevice(keyboard));
         handler->configureKeyboard(5, 2); // F3
+        settle();
         const int before = bed->callCount();
         bed->getLog().clear();
         type(keyboard, KEY_Q);
@@ -335,6 +367,7 @@ private Q_SLOTS:
         QVERIFY(handler->isMouseBusy());
         QCOMPARE(boundDisplay(*handler, "BTN_LEFT"), first);
 
+        settle();
         const int before = bed->callCount();
         type(mouse, BTN_LEFT);
         QVERIFY(bed->getSimulator().waitForCall(assignedAuto(mouse, 5, "MouseDevice")));
@@ -378,6 +411,7 @@ private Q_SLOTS:
         QVERIFY(handler->addUnassignedDevice(keyboard));
         handler->configureKeyboard(5, 2); // F3
         handler->configureKeyboard(6, 3); // F4
+        settle();
         bed->getLog().clear();
         handler->configurationComplete(5);
         handler->configurationComplete(99); // unknown: ignored silently

@@ -1,7 +1,9 @@
 // The overlay on real X servers (Xvfb): the window and its properties as the
-// server reports them, the composed picture as it appears on the screen, the
+// server reports them (the station's X side, StationDisplay, driven on the
+// test's thread), the composed picture as it appears on the screen, the
 // window manager requests, RandR screen changes, a server that goes away and
-// comes back, 16-bit and 3840x2160 screens.
+// comes back, 16-bit and 3840x2160 screens (the display configuration with
+// its station thread).
 //
 // The test pictures are plain colours, so that a screenshot tells which
 // picture (and which badge) is shown: the keyboard background is blue with a
@@ -14,6 +16,7 @@
 #include "XDisplayProbe.h"
 #include "XvfbServer.h"
 
+#include "assignment/StationDisplay.h"
 #include "translation/TranslationLanguage.h"
 
 #include <QPainter>
@@ -152,6 +155,7 @@ private:
     bool updateUntilShown(DisplayConfiguration& display, const XDisplayProbe& probe, QPoint point,
                           QRgb colour);
     bool updateUntil(DisplayConfiguration& display, const std::function<bool()>& condition);
+    bool updateUntil(StationDisplay& display, const std::function<bool()>& condition);
     QStringList waitForCalls(int from, int count);
 
     std::unique_ptr<OverlayTestBed> bed;
@@ -225,6 +229,17 @@ bool DisplayConfigurationX11Test::updateUntil(DisplayConfiguration& display,
         10000);
 }
 
+bool DisplayConfigurationX11Test::updateUntil(StationDisplay& display,
+                                              const std::function<bool()>& condition)
+{
+    return DaemonRunner::waitUntil(
+        [&] {
+            display.update();
+            return condition();
+        },
+        10000);
+}
+
 bool DisplayConfigurationX11Test::updateUntilShown(DisplayConfiguration& display,
                                                    const XDisplayProbe& on, QPoint point,
                                                    QRgb colour)
@@ -246,42 +261,50 @@ void DisplayConfigurationX11Test::displayWithoutServerWarnsOncePerCall()
     XvfbServer gone;
     QVERIFY(gone.start());
     gone.kill();
-    auto display = create(3, DisplayConfiguration::OVERLAY_IMAGE_NONE, &gone);
-    QVERIFY(display);
+    StationDisplay station(gone.getDisplayNumber());
     bed->getLog().clear();
-    QVERIFY(!display->openDisplay());
-    QVERIFY(!display->openDisplay());
+    QVERIFY(!station.openDisplay());
+    QVERIFY(!station.openDisplay());
     const QString warning =
         QString("Could not get connection to display :%1").arg(gone.getDisplayNumber());
     QCOMPARE(bed->getLog().messages(), (QStringList{warning, warning}));
     QCOMPARE(bed->getLog().entries().first().level, Orvanta::Logger::LEVEL_WARNING);
-    QCOMPARE(display->getState(), DisplayConfiguration::STATE_START);
+    QCOMPARE(bed->getLog().entries().first().file, QString("DisplayConfiguration"));
+    QCOMPARE(bed->getLog().entries().first().function, QString("openDisplay"));
 
-    // update() tries once a call too, and draws nothing.
+    // The display configuration's station tries once an update too, and
+    // asks for no picture's values.
+    auto display = create(3, DisplayConfiguration::OVERLAY_IMAGE_NONE, &gone);
+    QVERIFY(display);
+    QCOMPARE(display->getState(), DisplayConfiguration::STATE_START);
     bed->getLog().clear();
+    const int calls = bed->callCount();
     display->configureKeyboard();
     display->update();
-    QCOMPARE(bed->getLog().messages(), QStringList{warning});
+    QVERIFY(DaemonRunner::waitUntil([&] { return bed->getLog().count(warning) == 1; }));
+    display->update();
+    QVERIFY(DaemonRunner::waitUntil([&] { return bed->getLog().count(warning) == 2; }));
+    QCOMPARE(bed->getLog().messages(), (QStringList{warning, warning}));
+    QVERIFY(!display->isDisplayConnected());
+    QCOMPARE(bed->callsSince(calls), QStringList());
 }
 
 void DisplayConfigurationX11Test::closingANeverOpenedDisplayDoesNothing()
 {
-    auto display = create(3);
-    QVERIFY(display);
+    StationDisplay station(server->getDisplayNumber());
     bed->getLog().clear();
-    display->closeDisplay();
-    display->closeDisplay();
+    station.closeDisplay();
+    station.closeDisplay();
     QCOMPARE(bed->getLog().messages(), QStringList());
-    QVERIFY(!display->createXImage());
+    QVERIFY(!station.createXImage());
 }
 
 void DisplayConfigurationX11Test::windowIsDressedAndOnTop()
 {
     // Something else on the screen first: the overlay must go over it.
     const xcb_window_t other = probe->mapWindow(QRect(10, 10, 50, 50));
-    auto display = create(3);
-    QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    StationDisplay display(server->getDisplayNumber());
+    QVERIFY(display.openDisplay());
     probe->sync();
     QList<xcb_window_t> windows;
     QVERIFY(DaemonRunner::waitUntil([&] {
@@ -325,7 +348,7 @@ void DisplayConfigurationX11Test::windowIsDressedAndOnTop()
     // Raised again on every update, over anything mapped meanwhile.
     const xcb_window_t later = probe->mapWindow(QRect(20, 20, 50, 50));
     QCOMPARE(probe->topLevelWindows().last(), later);
-    QVERIFY(updateUntil(*display, [&] { return probe->topLevelWindows().last() == window; }));
+    QVERIFY(updateUntil(display, [&] { return probe->topLevelWindows().last() == window; }));
     QCOMPARE(probe->topLevelWindows().contains(other), true);
     xcb_destroy_window(probe->getConnection(), other);
     xcb_destroy_window(probe->getConnection(), later);
@@ -335,15 +358,14 @@ void DisplayConfigurationX11Test::windowIsDressedAndOnTop()
 
 void DisplayConfigurationX11Test::secondOpenDisplayMakesNoSecondWindow()
 {
-    auto display = create(3);
-    QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    StationDisplay display(server->getDisplayNumber());
+    QVERIFY(display.openDisplay());
     probe->sync();
     QVERIFY(DaemonRunner::waitUntil([&] { return probe->windowsNamed(windowName).size() == 1; }));
     const xcb_window_t window = probe->windowsNamed(windowName).first();
     const int windowCount = probe->topLevelWindows().size();
-    QVERIFY(display->openDisplay());
-    display->update();
+    QVERIFY(display.openDisplay());
+    display.update();
     probe->sync();
     QCOMPARE(probe->windowsNamed(windowName), QList<xcb_window_t>{window});
     QCOMPARE(probe->topLevelWindows().size(), windowCount);
@@ -353,12 +375,11 @@ void DisplayConfigurationX11Test::cursorIsInvisible()
 {
     const QImage before = probe->cursorImage();
     QVERIFY(!before.isNull());
-    auto display = create(3);
-    QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    StationDisplay display(server->getDisplayNumber());
+    QVERIFY(display.openDisplay());
     // The pointer rests in the middle of the screen, over the overlay.
     QImage cursor;
-    QVERIFY(updateUntil(*display, [&] {
+    QVERIFY(updateUntil(display, [&] {
         cursor = probe->cursorImage();
         return cursor.size() == QSize(1, 1);
     }));
@@ -368,24 +389,23 @@ void DisplayConfigurationX11Test::cursorIsInvisible()
 
 void DisplayConfigurationX11Test::emptyWmStateListSendsNothing()
 {
-    auto display = create(3);
-    QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    StationDisplay display(server->getDisplayNumber());
+    QVERIFY(display.openDisplay());
     probe->sync();
     QVERIFY(DaemonRunner::waitUntil([&] { return probe->windowsNamed(windowName).size() == 1; }));
     const xcb_window_t window = probe->windowsNamed(windowName).first();
     const xcb_atom_t wmState = probe->atom("_NET_WM_STATE");
     probe->deleteProperty(window, wmState);
 
-    display->setWmStateBeforeMapping({});
-    display->update();
+    display.setWmStateBeforeMapping({});
+    display.update();
     probe->sync();
     QCOMPARE(probe->property(window, wmState).type, xcb_atom_t(XCB_NONE));
 
     // The same call with one state does set the property.
     const xcb_atom_t above = probe->atom("_NET_WM_STATE_ABOVE");
-    display->setWmStateBeforeMapping({above});
-    QVERIFY(updateUntil(*display, [&] {
+    display.setWmStateBeforeMapping({above});
+    QVERIFY(updateUntil(display, [&] {
         return XDisplayProbe::values32(probe->property(window, wmState)) == QList<uint32_t>{above};
     }));
 }
@@ -398,14 +418,13 @@ void DisplayConfigurationX11Test::windowManagerIsAskedAgainAfterMapAndObscuring(
     const xcb_atom_t above = manager.atom("_NET_WM_STATE_ABOVE");
     const xcb_atom_t onTop = manager.atom("_NET_WM_STATE_STAYS_ON_TOP");
 
-    auto display = create(3);
-    QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    StationDisplay display(server->getDisplayNumber());
+    QVERIFY(display.openDisplay());
     // The window reaches past the screen by its border, so the server reports
     // it partially obscured as soon as it is mapped: the map notification and
     // that visibility change each ask for both states.
     QList<XDisplayProbe::WmStateRequest> requests;
-    QVERIFY(updateUntil(*display, [&] {
+    QVERIFY(updateUntil(display, [&] {
         requests += manager.takeWmStateRequests();
         return requests.size() >= 4;
     }));
@@ -418,15 +437,15 @@ void DisplayConfigurationX11Test::windowManagerIsAskedAgainAfterMapAndObscuring(
     }
 
     // Nothing more while nothing happens.
-    display->update();
+    display.update();
     manager.sync();
-    display->update();
+    display.update();
     QCOMPARE(manager.takeWmStateRequests().size(), 0);
 
     // Another window over the whole overlay: asked again.
     const xcb_window_t cover = manager.mapWindow(QRect(0, 0, 1024, 768));
     requests.clear();
-    QVERIFY(updateUntil(*display, [&] {
+    QVERIFY(updateUntil(display, [&] {
         requests += manager.takeWmStateRequests();
         return requests.size() >= 2;
     }));
@@ -457,7 +476,7 @@ void DisplayConfigurationX11Test::keyboardPictureShowsTheLabelsOfTheKey()
     QFETCH(bool, hasNext);
     auto display = create(station);
     QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    display->openDisplay();
     display->configureKeyboard();
     QVERIFY(updateUntilShown(*display, *probe, QPoint(900, 380), blue));
     const QImage shot = probe->screenshot(QRect(0, 0, 1024, 768));
@@ -480,7 +499,7 @@ void DisplayConfigurationX11Test::keyboardPictureAsksTheDatabaseInOrder()
 {
     auto display = create(3);
     QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    display->openDisplay();
     const int before = bed->callCount();
     display->configureKeyboard();
     QCOMPARE(waitForCalls(before, 4),
@@ -500,7 +519,7 @@ void DisplayConfigurationX11Test::stationTextsAreDrawnWhereTheTranslationPutsThe
 {
     auto display = create(3);
     QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    display->openDisplay();
     display->configureKeyboard();
     QVERIFY(updateUntilShown(*display, *probe, QPoint(900, 380), blue));
     const QImage shot = probe->screenshot(QRect(0, 0, 1024, 768));
@@ -518,7 +537,7 @@ void DisplayConfigurationX11Test::mousePicturesAndTheirCalls()
 {
     auto display = create(3);
     QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    display->openDisplay();
     display->configureKeyboard();
     QVERIFY(updateUntilShown(*display, *probe, QPoint(10, 10), blue));
 
@@ -553,7 +572,7 @@ void DisplayConfigurationX11Test::badgeIsStretchedOverThePicture()
     QFETCH(QRgb, bottomLeft);
     auto display = create(3, static_cast<DisplayConfiguration::OverlayImage>(overlay));
     QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    display->openDisplay();
     bed->getLog().clear();
     display->configureKeyboard();
     QVERIFY(updateUntilShown(*display, *probe, QPoint(500, 300), blue));
@@ -569,9 +588,12 @@ void DisplayConfigurationX11Test::missingBadgeIsLoggedAndLeftOut()
     QVERIFY(OverlayTestBed::removeDataFile("images/BETA.png"));
     auto display = create(3, DisplayConfiguration::OVERLAY_IMAGE_BETA);
     QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    display->openDisplay();
     bed->getLog().clear();
     display->configureKeyboard();
+    // Composed on the station's thread once the values are in.
+    QVERIFY(DaemonRunner::waitUntil(
+        [&] { return !bed->getLog().messages().filter("overlay file").isEmpty(); }));
     QVERIFY(OverlayTestBed::writeDataFile("images/BETA.png", beta));
     QCOMPARE(bed->getLog().messages().filter("overlay file"),
              QStringList{"Could not open overlay file '/usr/share/orvanta/images/BETA.png'"});
@@ -587,7 +609,7 @@ void DisplayConfigurationX11Test::missingBackgroundKeepsThePreviousPicture()
 {
     auto display = create(3);
     QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    display->openDisplay();
     display->configureKeyboard();
     QVERIFY(updateUntilShown(*display, *probe, QPoint(10, 10), blue));
     display->configureMouse(true);
@@ -597,6 +619,7 @@ void DisplayConfigurationX11Test::missingBackgroundKeepsThePreviousPicture()
     QVERIFY(OverlayTestBed::removeDataFile("images/configure-mouse.png"));
     bed->getLog().clear();
     display->configureMouse(false);
+    QVERIFY(DaemonRunner::waitUntil([&] { return !bed->getLog().messages().isEmpty(); }));
     QVERIFY(OverlayTestBed::writeDataFile("images/configure-mouse.png", mouse));
     QCOMPARE(bed->getLog().messages(), QStringList{"Could not load image 'configure-mouse.png'"});
     QCOMPARE(bed->getLog().entries().first().level, Orvanta::Logger::LEVEL_WARNING);
@@ -611,25 +634,24 @@ void DisplayConfigurationX11Test::missingBackgroundKeepsThePreviousPicture()
 
 void DisplayConfigurationX11Test::scaleFactorsFollowThePictureSize()
 {
-    auto display = create(3);
-    QVERIFY(display);
-    QVERIFY(display->openDisplay());
-    QVERIFY(display->loadImage("configure-keyboard.png"));
-    QCOMPARE(display->getScaleX(), 1.0);
-    QCOMPARE(display->getScaleY(), 1.0);
-    QCOMPARE(display->getImage().size(), QSize(1024, 768));
-    QCOMPARE(display->getImage().dotsPerMeterX(), 2835);
-    QCOMPARE(display->getImage().dotsPerMeterY(), 2835);
+    StationDisplay display(server->getDisplayNumber());
+    QVERIFY(display.openDisplay());
+    QVERIFY(display.loadImage("configure-keyboard.png"));
+    QCOMPARE(display.getScaleX(), 1.0);
+    QCOMPARE(display.getScaleY(), 1.0);
+    QCOMPARE(display.getImage().size(), QSize(1024, 768));
+    QCOMPARE(display.getImage().dotsPerMeterX(), 2835);
+    QCOMPARE(display.getImage().dotsPerMeterY(), 2835);
 
-    QVERIFY(display->loadImage("half.png"));
-    QCOMPARE(display->getScaleX(), 2.0);
-    QCOMPARE(display->getScaleY(), 1.0);
-    QCOMPARE(display->getImage().size(), QSize(1024, 768));
-    QCOMPARE(display->getImage().dotsPerMeterX(), 5670);
-    QCOMPARE(display->getImage().dotsPerMeterY(), 2835);
+    QVERIFY(display.loadImage("half.png"));
+    QCOMPARE(display.getScaleX(), 2.0);
+    QCOMPARE(display.getScaleY(), 1.0);
+    QCOMPARE(display.getImage().size(), QSize(1024, 768));
+    QCOMPARE(display.getImage().dotsPerMeterX(), 5670);
+    QCOMPARE(display.getImage().dotsPerMeterY(), 2835);
 
     bed->getLog().clear();
-    QVERIFY(!display->loadImage("absent.png"));
+    QVERIFY(!display.loadImage("absent.png"));
     QCOMPARE(bed->getLog().messages(), QStringList{"Could not load image 'absent.png'"});
 }
 
@@ -637,7 +659,7 @@ void DisplayConfigurationX11Test::screenChangeToTheSameSizeDoesNothingAndANewSiz
 {
     auto display = create(3);
     QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    display->openDisplay();
     display->configureKeyboard();
     QVERIFY(updateUntilShown(*display, *probe, QPoint(10, 10), blue));
     const xcb_window_t window = probe->windowsNamed(windowName).value(0);
@@ -655,7 +677,6 @@ void DisplayConfigurationX11Test::screenChangeToTheSameSizeDoesNothingAndANewSiz
     QVERIFY(updateUntilShown(*display, *probe, QPoint(799, 599), red));
     display->update();
     QCOMPARE(bed->callsSince(before).size(), 4);
-    QCOMPARE(display->getImage().size(), QSize(800, 600));
 }
 
 void DisplayConfigurationX11Test::lostServerIsLoggedOnceAndTheOverlayComesBack()
@@ -676,14 +697,21 @@ void DisplayConfigurationX11Test::lostServerIsLoggedOnceAndTheOverlayComesBack()
     own.kill();
     bed->getLog().clear();
     QVERIFY(updateUntil(*display, [&] { return bed->getLog().contains(lost); }));
-    QCOMPARE(bed->getLog().messages(), QStringList{lost});
+    QCOMPARE(bed->getLog().messages().first(), lost);
     QCOMPARE(bed->getLog().entries().first().level, Orvanta::Logger::LEVEL_INFO);
+    // The loop above may have asked for one more update before it saw the
+    // loss: let it fail first.
+    QTest::qWait(300);
+    const int earlier = bed->getLog().count(cannotConnect);
+    QVERIFY(earlier <= 1);
+    // One attempt, and one warning, per update.
     for (int call = 1; call <= 3; ++call) {
         display->update();
-        QCOMPARE(bed->getLog().count(cannotConnect), call);
+        QVERIFY(DaemonRunner::waitUntil(
+            [&] { return bed->getLog().count(cannotConnect) == earlier + call; }));
     }
     QCOMPARE(bed->getLog().count(lost), 1);
-    QCOMPARE(bed->getLog().messages().size(), 4);
+    QCOMPARE(bed->getLog().messages().size(), 4 + earlier);
 
     QVERIFY(own.start());
     const XDisplayProbe ownProbe(own.getDisplayName());
@@ -703,11 +731,9 @@ void DisplayConfigurationX11Test::largerScreenShowsEverythingAtTheScaledPosition
     QVERIFY(largerProbe.isConnected());
     auto display = create(4, DisplayConfiguration::OVERLAY_IMAGE_NONE, &larger);
     QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    display->openDisplay();
     display->configureKeyboard();
     QVERIFY(updateUntilShown(*display, largerProbe, QPoint(1279, 1023), red));
-    QCOMPARE(display->getScaleX(), 1.25);
-    QCOMPARE(display->getScaleY(), 1024.0 / 768.0);
     const QImage shot = largerProbe.screenshot(QRect(0, 0, 1280, 1024));
     // Red from row 576 of the picture on: row 768 of the screen.
     QCOMPARE(shot.pixel(10, 760), blue);
@@ -734,7 +760,7 @@ void DisplayConfigurationX11Test::sixteenBitScreenShowsTheRightColours()
     QVERIFY(deepProbe.isConnected());
     auto display = create(4, DisplayConfiguration::OVERLAY_IMAGE_ALPHA, &deep16);
     QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    display->openDisplay();
     display->configureKeyboard();
     constexpr quint16 blue16 = 0x001f;
     constexpr quint16 red16 = 0xf800;
@@ -765,7 +791,7 @@ void DisplayConfigurationX11Test::ultraHighDefinitionScreenShowsTheWholePicture(
     QVERIFY(largeProbe.isConnected());
     auto display = create(4, DisplayConfiguration::OVERLAY_IMAGE_NONE, &large);
     QVERIFY(display);
-    QVERIFY(display->openDisplay());
+    display->openDisplay();
     display->configureKeyboard();
     // The last pixel arrives only if every band of the upload did.
     QVERIFY(updateUntilShown(*display, largeProbe, QPoint(3839, 2159), red));

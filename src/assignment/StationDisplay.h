@@ -1,0 +1,107 @@
+#pragma once
+
+#include "assignment/OverlayComposer.h"
+#include "assignment/OverlayContent.h"
+#include "assignment/XcbHandles.h"
+
+#include <QVector>
+
+#include <xcb/xcb.h>
+
+#include <cstdint>
+
+class QDeadlineTimer;
+
+// One station's X side: the connection to display :displayId, the full-screen
+// overlay window with its properties and invisible cursor, the picture
+// composed at the screen's size and uploaded in bands, and the server's
+// events (map, visibility, expose, RandR size changes). It reconnects when the
+// server was lost.
+//
+// Every method runs on one thread, the station's own (StationThread), which
+// alone touches the connection: a server that stops reading can hold that
+// thread in a write, never another station or the main thread. What happens
+// (connected, lost, a new size, a picture done) is told to the Listener.
+class StationDisplay
+{
+public:
+    // Hears what happens to the display, on the station's thread.
+    class Listener
+    {
+    public:
+        virtual ~Listener() = default;
+        // The socket to the server is open and the X setup is being read; the
+        // listener may shut `controlFd` down to end a connection that takes
+        // too long or a write that never ends. It owns the descriptor.
+        virtual void socketOpened(int controlFd) = 0;
+        // The setup was read (or failed): connecting is over.
+        virtual void connectFinished() = 0;
+        // The connection ends: the descriptor given to socketOpened must go now.
+        virtual void socketClosing() = 0;
+        virtual void connected(uint32_t width, uint32_t height) = 0;
+        virtual void lost() = 0;
+        virtual void screenSizeChanged(uint32_t width, uint32_t height) = 0;
+    };
+
+    // Without a listener nothing is told; the display is not opened yet.
+    explicit StationDisplay(int displayId, Listener* listener = nullptr);
+    ~StationDisplay();
+
+    StationDisplay(const StationDisplay&) = delete;
+    StationDisplay& operator=(const StationDisplay&) = delete;
+
+    int getDisplayId() const { return displayId; }
+    bool isOpen() const { return static_cast<bool>(connection); }
+    uint32_t getWidth() const { return width; }
+    uint32_t getHeight() const { return height; }
+    // The last composed picture and its scale from the background's pixel space.
+    const QImage& getImage() const { return composer.getImage(); }
+    double getScaleX() const { return composer.getScaleX(); }
+    double getScaleY() const { return composer.getScaleY(); }
+
+    // One periodic step: opens the display when needed, notices a lost
+    // server, raises the window and handles the pending X events.
+    void update();
+    // Composes `content` and shows it; false when there is no connection, no
+    // screen, no background or the upload could not be made.
+    bool show(const OverlayContent& content);
+    // Loads a background at the window's size (no badge), as show() does.
+    bool loadImage(const QString& fileName);
+
+    bool openDisplay();
+    void closeDisplay();
+    // The atom asked for with `cookie`, read before the deadline; 0 without a reply.
+    xcb_atom_t getAtom(const char* name, xcb_intern_atom_cookie_t cookie,
+                       const QDeadlineTimer& deadline);
+    void hideBorder(xcb_intern_atom_cookie_t motifWmHintsCookie, const QDeadlineTimer& deadline);
+    void hideCursor();
+    void raiseWindow();
+    void setWmStateBeforeMapping(QVector<unsigned int> atoms);
+    void setWmStateAfterMapping(unsigned int atom);
+    bool createXImage();
+    void redrawWindow();
+
+private:
+    // A connected socket to the server, or -1 (logged by the caller).
+    int connectSocket() const;
+    void handleEvent(const xcb_generic_event_t& event);
+    void requestWmStates();
+    // Forgets the server's resources without a request: the server is gone.
+    void dropDisplay();
+    void releaseConnection();
+
+    int displayId;
+    Listener* listener;
+    XcbConnection connection;
+    xcb_screen_t* screen = nullptr;
+    xcb_window_t window = 0;
+    uint32_t width = 0;
+    uint32_t height = 0;
+    xcb_atom_t wmStateAtom = 0;
+    xcb_atom_t wmStateAboveAtom = 0;
+    xcb_atom_t wmStateStaysOnTopAtom = 0;
+    OverlayComposer composer;
+    xcb_pixmap_t pixmap = 0;
+    xcb_gcontext_t gc = 0;
+    uint8_t randrEventBase = 0;
+};

@@ -1,0 +1,77 @@
+#pragma once
+
+#include "assignment/OverlayContent.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+// Runs one station's StationDisplay on a thread of its own, so that a server
+// that stops reading, a slow composition or a lost connection holds that
+// station alone. The owner (a DisplayConfiguration, on the main thread) asks
+// for periodic steps and pictures; the thread reports back what happened.
+//
+// Work goes both ways through a small mailbox guarded by a std::mutex: the
+// latest wanted picture, whether a step is due, whether to stop, and the
+// reports for the owner. A step or a picture asked for while the thread is
+// busy is taken once it is free; a newer picture replaces one not yet taken.
+// The owner's wake-up is called (on the station's thread) when reports are
+// waiting and it was not called since the owner last took them.
+class StationThread
+{
+public:
+    struct Report
+    {
+        enum Kind : int
+        {
+            CONNECTED,
+            LOST,
+            SCREEN_SIZE_CHANGED,
+            PICTURE_DONE
+        };
+        Kind kind;
+        uint32_t width = 0;
+        uint32_t height = 0;
+        int generation = 0;
+    };
+
+    // The longest a connection may take to be set up before its socket is shut down.
+    static constexpr int connectTimeoutMs = 2000;
+
+    // Starts the thread; the display is opened by the first requested update.
+    StationThread(int displayId, std::function<void()> wakeOwner);
+    // Stops the thread: it closes its display when it can; a thread stuck on
+    // its server gets its socket shut down. A thread still composing then is
+    // left to end by itself and joined later (joinAbandoned()).
+    ~StationThread();
+
+    StationThread(const StationThread&) = delete;
+    StationThread& operator=(const StationThread&) = delete;
+
+    // Asks for one periodic step of the display.
+    void requestUpdate();
+    // Only pictures of this generation may still be shown.
+    void setWantedGeneration(int generation);
+    // Shows `content` once composed, unless a newer generation is wanted by then.
+    void show(const OverlayContent& content);
+    // The reports since the last call, oldest first.
+    std::vector<Report> takeReports();
+    // Shuts the socket down when the server has not finished the X setup
+    // within connectTimeoutMs; called on every periodic step of the owner.
+    void enforceConnectDeadline();
+
+    // Joins the threads that did not end in time when they were stopped;
+    // without `wait`, only those that have ended by now. Main thread only.
+    static void joinAbandoned(bool wait);
+
+private:
+    struct Mailbox;
+    class Worker;
+
+    static void run(const std::shared_ptr<Mailbox>& mailbox);
+
+    std::shared_ptr<Mailbox> mailbox;
+    std::thread thread;
+};
