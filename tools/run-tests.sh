@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Checks the formatting, builds selvane and runs every test tier: the plain build, then the same
-# suite under AddressSanitizer and UndefinedBehaviorSanitizer, then the
-# parser fuzzers for a bounded time. Installs the Debian packages it
+# suite under AddressSanitizer and UndefinedBehaviorSanitizer, then the tests of
+# the station threads under ThreadSanitizer, then the parser fuzzers for a
+# bounded time. Installs the Debian packages it
 # needs when they are missing. Usage: tools/run-tests.sh [--quick]
-#   --quick   plain build and test only (no sanitizer build, no fuzzing)
+#   --quick   plain build and test only (no sanitizer builds, no fuzzing)
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -42,6 +43,18 @@ install_missing_packages() {
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
 
+# Adds the counts of a ctest log's closing line ("100% tests passed, 0 tests
+# failed out of 22") to the totals.
+add_totals() {
+    local summary
+    summary=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$1" | tail -n 1)
+    local failed=${summary#*passed, }
+    failed=${failed%% *}
+    local total=${summary##* }
+    total_failed=$((total_failed + ${failed:-0}))
+    total_passed=$((total_passed + ${total:-0} - ${failed:-0}))
+}
+
 # Runs one build's whole suite; fails on a failed test and, because every tier
 # must really run, on a skipped one.
 build_and_test() {
@@ -67,14 +80,46 @@ build_and_test() {
             status=1
         fi
     done
-    # "100% tests passed, 0 tests failed out of 22"
-    local summary
-    summary=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
-    local failed=${summary#*passed, }
-    failed=${failed%% *}
-    local total=${summary##* }
-    total_failed=$((total_failed + ${failed:-0}))
-    total_passed=$((total_passed + ${total:-0} - ${failed:-0}))
+    add_totals "$log"
+    return $status
+}
+
+# The tests labelled station_threads, built with ThreadSanitizer: only their
+# programs, the daemon and its test peers are built. Every report of any
+# process (the daemon under test included) goes to a file; one is a failure.
+test_station_threads() {
+    local dir=build-tsan
+    echo "== Configuring $dir -DSELVANE_TSAN=ON"
+    cmake -S "$root" -B "$root/$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSELVANE_TSAN=ON >/dev/null
+    local targets
+    mapfile -t targets < <(ctest --test-dir "$root/$dir" -N -L station_threads |
+        sed -n 's/^ *Test *#[0-9]*: //p')
+    if [ ${#targets[@]} -eq 0 ]; then
+        echo "== $dir: no test is labelled station_threads" >&2
+        return 1
+    fi
+    echo "== Building $dir: ${targets[*]}"
+    cmake --build "$root/$dir" -j"$(nproc)" --target "${targets[@]}" orvanta-selvane \
+        platform-simulator emulated-input
+    echo "== Testing $dir"
+    local reports="$root/$dir/tsan-reports"
+    rm -rf "$reports"
+    mkdir -p "$reports"
+    local log="$root/$dir/ctest-output.txt"
+    local status=0
+    TSAN_OPTIONS="suppressions=$root/tests/support/tsan-suppressions.txt die_after_fork=0 log_path=$reports/report" \
+        ctest --test-dir "$root/$dir" -L station_threads --output-on-failure --timeout 600 2>&1 |
+        tee "$log" || status=$?
+    if grep -q 'The following tests did not run' "$log"; then
+        echo "== $dir: some tests were skipped: every one must run" >&2
+        status=1
+    fi
+    if compgen -G "$reports/report*" >/dev/null; then
+        echo "== $dir: ThreadSanitizer reported:" >&2
+        cat "$reports"/report* >&2
+        status=1
+    fi
+    add_totals "$log"
     return $status
 }
 
@@ -91,6 +136,7 @@ check_formatting
 build_and_test build
 if [ $quick -eq 0 ]; then
     build_and_test build-sanitize -DSELVANE_SANITIZE=ON
+    test_station_threads
     "$root/fuzz/run-fuzzer.sh" "$root/build-fuzz" 60
 fi
 echo "== All tests passed"

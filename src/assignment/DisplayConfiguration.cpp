@@ -88,10 +88,9 @@ void DisplayConfiguration::localeAnswered(const QString& locale)
     determineLanguage(centralObject, locale);
     languageDetermined = true;
     // The station's lines (connecting, pictures) follow the language's.
-    station = std::make_unique<StationThread>(displayId, [this] {
-        QMetaObject::invokeMethod(
-            this, [this] { takeStationReports(); }, Qt::QueuedConnection);
-    });
+    station = std::make_unique<StationThread>(displayId);
+    connect(station.get(), &StationThread::reportsWaiting, this,
+            &DisplayConfiguration::takeStationReports);
     if (openRequested) {
         station->requestUpdate();
     }

@@ -7,10 +7,13 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
+#include <functional>
 #include <mutex>
 #include <optional>
 
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -46,19 +49,30 @@ void lowerPriority()
 
 struct StationThread::Mailbox
 {
-    Mailbox(int display, std::function<void()> wakeOwner)
-        : displayId(display), wake(std::move(wakeOwner))
+    explicit Mailbox(int display)
+        : displayId(display), wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     {
     }
+    ~Mailbox()
+    {
+        if (wakeFd >= 0) {
+            close(wakeFd);
+        }
+    }
+    Mailbox(const Mailbox&) = delete;
+    Mailbox& operator=(const Mailbox&) = delete;
 
     // Adds a report and wakes the owner unless it is already woken.
     void report(const Report& report)
     {
         const std::lock_guard<std::mutex> lock(mutex);
         reports.push_back(report);
-        if (!wakePending && wake) {
+        if (!wakePending && ownerPresent && wakeFd >= 0) {
             wakePending = true;
-            wake();
+            const uint64_t one = 1;
+            // Never blocks: the counter is far from full with one write a batch.
+            const ssize_t written = write(wakeFd, &one, sizeof(one));
+            static_cast<void>(written);
         }
     }
 
@@ -99,8 +113,9 @@ struct StationThread::Mailbox
     // To the owner.
     std::vector<Report> reports;
     bool wakePending = false;
-    // Cleared when the owner goes: nothing is reported to it after that.
-    std::function<void()> wake;
+    // Cleared when the owner goes: nothing wakes it after that.
+    bool ownerPresent = true;
+    const int wakeFd;
 
     bool finished = false;
 
@@ -167,9 +182,16 @@ std::vector<AbandonedThread>& abandonedThreads()
 }
 } // namespace
 
-StationThread::StationThread(int displayId, std::function<void()> wakeOwner)
-    : mailbox(std::make_shared<Mailbox>(displayId, std::move(wakeOwner)))
+StationThread::StationThread(int displayId) : mailbox(std::make_shared<Mailbox>(displayId))
 {
+    if (mailbox->wakeFd >= 0) {
+        wakeNotifier = std::make_unique<QSocketNotifier>(mailbox->wakeFd, QSocketNotifier::Read);
+        connect(wakeNotifier.get(), &QSocketNotifier::activated, this,
+                &StationThread::reportsWaiting);
+    } else {
+        SELVANE_LOG(LEVEL_ERROR, "Could not create the wake-up of display :%d: %s", displayId,
+                    strerror(errno));
+    }
     thread = std::thread(&StationThread::run, mailbox);
 }
 
@@ -178,8 +200,9 @@ StationThread::~StationThread()
     {
         const std::lock_guard<std::mutex> lock(mailbox->mutex);
         mailbox->stopRequested = true;
-        mailbox->wake = nullptr;
+        mailbox->ownerPresent = false;
     }
+    wakeNotifier.reset();
     mailbox->changed.notify_all();
     if (mailbox->waitUntilFinished(cleanStopTimeout)) {
         thread.join();
@@ -228,9 +251,6 @@ void StationThread::setWantedGeneration(int generation)
 {
     const std::lock_guard<std::mutex> lock(mailbox->mutex);
     mailbox->wantedGeneration = generation;
-    if (mailbox->picture && mailbox->picture->generation != generation) {
-        mailbox->picture.reset();
-    }
 }
 
 void StationThread::show(const OverlayContent& content)
@@ -245,6 +265,11 @@ void StationThread::show(const OverlayContent& content)
 std::vector<StationThread::Report> StationThread::takeReports()
 {
     const std::lock_guard<std::mutex> lock(mailbox->mutex);
+    if (mailbox->wakePending) {
+        uint64_t count = 0;
+        const ssize_t read = ::read(mailbox->wakeFd, &count, sizeof(count));
+        static_cast<void>(read);
+    }
     mailbox->wakePending = false;
     std::vector<Report> taken;
     taken.swap(mailbox->reports);
@@ -283,7 +308,11 @@ void StationThread::run(const std::shared_ptr<Mailbox>& mailbox)
                 }
                 updateDue = mailbox->updateDue;
                 mailbox->updateDue = false;
-                picture.swap(mailbox->picture);
+                // A picture that was replaced while it waited is not shown.
+                if (mailbox->picture && mailbox->picture->generation == mailbox->wantedGeneration) {
+                    picture.swap(mailbox->picture);
+                }
+                mailbox->picture.reset();
             }
             if (updateDue) {
                 display.update();

@@ -2,8 +2,10 @@
 
 #include "assignment/OverlayContent.h"
 
+#include <QObject>
+#include <QSocketNotifier>
+
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -17,10 +19,15 @@
 // latest wanted picture, whether a step is due, whether to stop, and the
 // reports for the owner. A step or a picture asked for while the thread is
 // busy is taken once it is free; a newer picture replaces one not yet taken.
-// The owner's wake-up is called (on the station's thread) when reports are
-// waiting and it was not called since the owner last took them.
-class StationThread
+// Reports wake the owner's thread through an eventfd, whose write and read
+// also order the two threads for ThreadSanitizer; nothing of Qt's crosses.
+//
+// The object itself belongs to the owner's thread: every method but the
+// thread's own run() is called there.
+class StationThread : public QObject
 {
+    Q_OBJECT
+
 public:
     struct Report
     {
@@ -41,11 +48,11 @@ public:
     static constexpr int connectTimeoutMs = 2000;
 
     // Starts the thread; the display is opened by the first requested update.
-    StationThread(int displayId, std::function<void()> wakeOwner);
+    explicit StationThread(int displayId);
     // Stops the thread: it closes its display when it can; a thread stuck on
     // its server gets its socket shut down. A thread still composing then is
     // left to end by itself and joined later (joinAbandoned()).
-    ~StationThread();
+    ~StationThread() override;
 
     StationThread(const StationThread&) = delete;
     StationThread& operator=(const StationThread&) = delete;
@@ -66,6 +73,10 @@ public:
     // without `wait`, only those that have ended by now. Main thread only.
     static void joinAbandoned(bool wait);
 
+Q_SIGNALS:
+    // Reports are waiting; takeReports() gets them.
+    void reportsWaiting();
+
 private:
     struct Mailbox;
     class Worker;
@@ -73,5 +84,6 @@ private:
     static void run(const std::shared_ptr<Mailbox>& mailbox);
 
     std::shared_ptr<Mailbox> mailbox;
+    std::unique_ptr<QSocketNotifier> wakeNotifier;
     std::thread thread;
 };
