@@ -197,7 +197,7 @@ bool OverlayComposer::compose(const OverlayContent& content, uint32_t width, uin
     return true;
 }
 
-void OverlayComposer::renderKeyboardTexts(QPainter& painter, const OverlayContent& content) const
+void OverlayComposer::renderStationTexts(QPainter& painter, const OverlayContent& content) const
 {
     const TranslationLanguage& language = *content.language;
     language.renderString(painter, scaleX, scaleY, QStringLiteral("station-num"),
@@ -206,6 +206,12 @@ void OverlayComposer::renderKeyboardTexts(QPainter& painter, const OverlayConten
                           content.stationName);
     language.renderString(painter, scaleX, scaleY, QStringLiteral("station-location"),
                           content.stationLocation);
+}
+
+void OverlayComposer::renderKeyboardTexts(QPainter& painter, const OverlayContent& content) const
+{
+    const TranslationLanguage& language = *content.language;
+    renderStationTexts(painter, content);
     language.renderString(painter, scaleX, scaleY, QStringLiteral("configure-keyboard"));
     renderLabelOnKey(painter, content);
     language.renderString(painter, scaleX, scaleY, QStringLiteral("configure-keyboard-key"),
@@ -219,12 +225,7 @@ void OverlayComposer::renderKeyboardTexts(QPainter& painter, const OverlayConten
 void OverlayComposer::renderMouseTexts(QPainter& painter, const OverlayContent& content) const
 {
     const TranslationLanguage& language = *content.language;
-    language.renderString(painter, scaleX, scaleY, QStringLiteral("station-num"),
-                          content.stationId);
-    language.renderString(painter, scaleX, scaleY, QStringLiteral("station-name"),
-                          content.stationName);
-    language.renderString(painter, scaleX, scaleY, QStringLiteral("station-location"),
-                          content.stationLocation);
+    renderStationTexts(painter, content);
     language.renderString(painter, scaleX, scaleY, QStringLiteral("configure-mouse"));
     language.renderString(painter, scaleX, scaleY, QStringLiteral("mice-available"),
                           content.available);

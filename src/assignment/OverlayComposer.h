@@ -33,6 +33,8 @@ public:
     double getScaleY() const { return scaleY; }
 
 private:
+    // The station's number, name and location, on both steps' pictures.
+    void renderStationTexts(QPainter& painter, const OverlayContent& content) const;
     void renderKeyboardTexts(QPainter& painter, const OverlayContent& content) const;
     void renderMouseTexts(QPainter& painter, const OverlayContent& content) const;
     void renderLabelOnKey(QPainter& painter, const OverlayContent& content) const;

@@ -154,8 +154,18 @@ private:
     // Runs update() until the screen shows `colour` at the point.
     bool updateUntilShown(DisplayConfiguration& display, const XDisplayProbe& probe, QPoint point,
                           QRgb colour);
-    bool updateUntil(DisplayConfiguration& display, const std::function<bool()>& condition);
-    bool updateUntil(StationDisplay& display, const std::function<bool()>& condition);
+    // Runs update() of a display configuration or a station's X side until
+    // the condition holds.
+    template <typename Display>
+    bool updateUntil(Display& display, const std::function<bool()>& condition)
+    {
+        return DaemonRunner::waitUntil(
+            [&] {
+                display.update();
+                return condition();
+            },
+            10000);
+    }
     QStringList waitForCalls(int from, int count);
 
     std::unique_ptr<OverlayTestBed> bed;
@@ -216,28 +226,6 @@ DisplayConfigurationX11Test::create(int stationId, DisplayConfiguration::Overlay
         return nullptr;
     }
     return display;
-}
-
-bool DisplayConfigurationX11Test::updateUntil(DisplayConfiguration& display,
-                                              const std::function<bool()>& condition)
-{
-    return DaemonRunner::waitUntil(
-        [&] {
-            display.update();
-            return condition();
-        },
-        10000);
-}
-
-bool DisplayConfigurationX11Test::updateUntil(StationDisplay& display,
-                                              const std::function<bool()>& condition)
-{
-    return DaemonRunner::waitUntil(
-        [&] {
-            display.update();
-            return condition();
-        },
-        10000);
 }
 
 bool DisplayConfigurationX11Test::updateUntilShown(DisplayConfiguration& display,
