@@ -13,6 +13,7 @@
 #include <optional>
 
 #include <pthread.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -31,12 +32,16 @@ constexpr auto forcedStopTimeout = std::chrono::milliseconds(250);
 
 // Composing is background work: the main thread, which runs the key
 // combinations, comes first. Qt's thread priorities do nothing under Linux's
-// default scheduler; a nice value of the thread's own does.
+// default scheduler; a nice value of the thread's own does. The batch policy
+// also keeps a station thread that the main thread wakes (every station on
+// every tick) from taking the main thread's core at once.
 constexpr int compositionNiceIncrement = 5;
 constexpr int lowestNice = 19;
 
 void lowerPriority()
 {
+    const sched_param batch{};
+    pthread_setschedparam(pthread_self(), SCHED_BATCH, &batch);
     const pid_t tid = gettid();
     errno = 0;
     const int current = getpriority(PRIO_PROCESS, static_cast<id_t>(tid));
