@@ -84,23 +84,24 @@ build_and_test() {
     return $status
 }
 
-# The tests labelled station_threads, built with ThreadSanitizer: only their
-# programs, the daemon and its test peers are built. Every report of any
-# process (the daemon under test included) goes to a file; one is a failure.
+# The in-process tests labelled station_threads, built with ThreadSanitizer:
+# only their programs and their test peers are built. The black-box ones stay
+# out: the built daemon needs umockdev's preload there, which ThreadSanitizer's
+# runtime does not run with. Every report of any process goes to a file; one
+# is a failure.
 test_station_threads() {
     local dir=build-tsan
     echo "== Configuring $dir -DSELVANE_TSAN=ON"
     cmake -S "$root" -B "$root/$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSELVANE_TSAN=ON >/dev/null
     local targets
-    mapfile -t targets < <(ctest --test-dir "$root/$dir" -N -L station_threads |
+    mapfile -t targets < <(ctest --test-dir "$root/$dir" -N -L station_threads -LE blackbox |
         sed -n 's/^ *Test *#[0-9]*: //p')
     if [ ${#targets[@]} -eq 0 ]; then
         echo "== $dir: no test is labelled station_threads" >&2
         return 1
     fi
     echo "== Building $dir: ${targets[*]}"
-    cmake --build "$root/$dir" -j"$(nproc)" --target "${targets[@]}" orvanta-selvane \
-        platform-simulator emulated-input
+    cmake --build "$root/$dir" -j"$(nproc)" --target "${targets[@]}" platform-simulator
     echo "== Testing $dir"
     local reports="$root/$dir/tsan-reports"
     rm -rf "$reports"
@@ -108,7 +109,7 @@ test_station_threads() {
     local log="$root/$dir/ctest-output.txt"
     local status=0
     TSAN_OPTIONS="suppressions=$root/tests/support/tsan-suppressions.txt die_after_fork=0 log_path=$reports/report" \
-        ctest --test-dir "$root/$dir" -L station_threads --output-on-failure --timeout 600 2>&1 |
+        ctest --test-dir "$root/$dir" -L station_threads -LE blackbox --output-on-failure --timeout 600 2>&1 |
         tee "$log" || status=$?
     if grep -q 'The following tests did not run' "$log"; then
         echo "== $dir: some tests were skipped: every one must run" >&2

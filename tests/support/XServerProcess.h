@@ -31,6 +31,9 @@ public:
     void stop(int signal);
 
     bool isRunning() const { return pid > 0; }
+    // The server's process id, for a test that signals it (SIGSTOP,
+    // SIGCONT); -1 when it is not running.
+    pid_t getPid() const { return pid; }
 
 private:
     pid_t pid = -1;

@@ -24,10 +24,21 @@ public:
 
     // Starts on a free display number, or on the last one after kill().
     bool start();
+    // Starts on this display number, for a test that names the display before
+    // its server runs; false when that number is taken.
+    bool startOn(int number)
+    {
+        if (!isRunning()) {
+            displayNumber = number;
+        }
+        return start() && displayNumber == number;
+    }
     // Ends the server at once (SIGKILL) and reaps it.
     void kill();
 
     bool isRunning() const { return process.isRunning(); }
+    // -1 when it is not running.
+    pid_t getPid() const { return process.getPid(); }
     int getDisplayNumber() const { return displayNumber; }
     QString getDisplayName() const { return QStringLiteral(":%1").arg(displayNumber); }
 
