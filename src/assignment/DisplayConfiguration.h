@@ -24,7 +24,9 @@ class PendingCallGroup;
 // platform's assignment service, moves on to its next state and emits
 // keyboardAssigned or mouseAssigned.
 //
-// It lives on the main thread and never waits there: the platform is asked
+// Owned by the AssignmentHandler; every method runs on the main thread. It
+// owns its StationThread and the pending call groups (its children). It never
+// waits on the main thread: the platform is asked
 // with pending calls (each picture's calls share one 2 s bound), and the
 // overlay itself, the X connection with its window and the composition of
 // the picture, runs on the station's own thread (StationThread), which is

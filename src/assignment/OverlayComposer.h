@@ -13,7 +13,8 @@ class QPainter;
 // the release badge stretched over it, scaled to the screen, and the station's
 // texts, counts and key labels drawn on it in the station's language.
 //
-// Runs on a station's thread; any number of composers may run at once. The
+// Owned by a StationDisplay and called only on its station's thread; any
+// number of composers may run at once, one per station thread. The
 // scaled backgrounds are kept, one per file, badge and screen size, and shared
 // by every station of that size, so a count change only draws the texts anew.
 class OverlayComposer

@@ -18,7 +18,8 @@ class QDeadlineTimer;
 // events (map, visibility, expose, RandR size changes). It reconnects when the
 // server was lost.
 //
-// Every method runs on one thread, the station's own (StationThread), which
+// Owned by StationThread::run(), a local of the station's thread: every
+// method runs on that thread, which
 // alone touches the connection: a server that stops reading can hold that
 // thread in a write, never another station or the main thread. What happens
 // (connected, lost, a new size, a picture done) is told to the Listener.

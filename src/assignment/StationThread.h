@@ -22,8 +22,10 @@
 // Reports wake the owner's thread through an eventfd, whose write and read
 // also order the two threads for ThreadSanitizer; nothing of Qt's crosses.
 //
-// The object itself belongs to the owner's thread: every method but the
-// thread's own run() is called there.
+// Owned by its DisplayConfiguration; the object belongs to the owner's (main)
+// thread, where every method but run() is called. run() is the station's
+// thread: it owns the StationDisplay. The mailbox is shared by both and lives
+// until the later of them lets go: a thread abandoned at its stop keeps it.
 class StationThread : public QObject
 {
     Q_OBJECT

@@ -16,7 +16,8 @@ namespace Orvanta {
 // every call is answered, or when the bound has passed, whichever is first.
 // A call without an answer by then reads as failed, and its late answer is
 // dropped. Nothing here waits: the answers are handled by the event loop of
-// the thread that owns the group.
+// the thread the group belongs to, where all its methods are called; its
+// owner (usually its QObject parent) deletes it, later when inside done().
 class PendingCallGroup : public QObject
 {
     Q_OBJECT
