@@ -435,4 +435,16 @@ bool differOnlyIn(const QImage& before, const QImage& after, const QRect& area)
     return differsInside;
 }
 
+QStringList platformOfRound(int round)
+{
+    return {QStringLiteral("--assigned-keyboards"),
+            QString::number(round),
+            QStringLiteral("--unassigned-keyboards"),
+            QString::number(20 + round),
+            QStringLiteral("--tag"),
+            QStringLiteral("name=Reading room"),
+            QStringLiteral("--tag"),
+            QStringLiteral("location=First floor")};
+}
+
 } // namespace StationPictures

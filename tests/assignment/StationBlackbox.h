@@ -177,4 +177,7 @@ QRect countsArea(const QSize& screen);
 bool showsAPicture(const QImage& screen);
 // True when the two differ somewhere inside `area` and nowhere outside it.
 bool differOnlyIn(const QImage& before, const QImage& after, const QRect& area);
+// The platform's answers in round `round`: each round other counts, so that
+// a redraw shows on the screen.
+QStringList platformOfRound(int round);
 } // namespace StationPictures

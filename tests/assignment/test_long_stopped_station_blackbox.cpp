@@ -21,6 +21,7 @@ namespace {
 
 using StationPictures::countsArea;
 using StationPictures::differOnlyIn;
+using StationPictures::platformOfRound;
 using StationPictures::showsAPicture;
 
 constexpr int stationOfA = 3;
@@ -29,18 +30,6 @@ constexpr int longStopMs = 30000;
 constexpr qint64 combinationLimitMs = 300;
 constexpr qint64 introspectLimitMs = 100;
 constexpr int pictureTimeoutMs = 5000;
-
-QStringList platformOfRound(int round)
-{
-    return {QStringLiteral("--assigned-keyboards"),
-            QString::number(round),
-            QStringLiteral("--unassigned-keyboards"),
-            QString::number(30 + round),
-            QStringLiteral("--tag"),
-            QStringLiteral("name=Language lab"),
-            QStringLiteral("--tag"),
-            QStringLiteral("location=Basement")};
-}
 
 } // namespace
 

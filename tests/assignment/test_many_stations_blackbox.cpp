@@ -17,6 +17,7 @@
 namespace {
 
 using StationPictures::countsArea;
+using StationPictures::platformOfRound;
 using StationPictures::showsAPicture;
 
 constexpr int stations = 16;
@@ -27,18 +28,6 @@ constexpr qint64 introspectLimitMs = 1000;
 // Sixteen pictures at 1080p composed on two cores, the first time with their
 // backgrounds scaled.
 constexpr int picturesTimeoutMs = 20000;
-
-QStringList platformOfRound(int round)
-{
-    return {QStringLiteral("--assigned-keyboards"),
-            QString::number(round),
-            QStringLiteral("--unassigned-keyboards"),
-            QString::number(40 + round),
-            QStringLiteral("--tag"),
-            QStringLiteral("name=Exam hall"),
-            QStringLiteral("--tag"),
-            QStringLiteral("location=Annex")};
-}
 
 } // namespace
 

@@ -28,6 +28,7 @@ namespace {
 
 using StationPictures::countsArea;
 using StationPictures::differOnlyIn;
+using StationPictures::platformOfRound;
 using StationPictures::showsAPicture;
 
 constexpr int stationOfA = 2;
@@ -38,20 +39,6 @@ constexpr qint64 introspectLimitMs = 100;
 constexpr int pictureTimeoutMs = 5000;
 // How long A stays stopped in a case, at least.
 constexpr int stopMs = 2500;
-
-// The platform's answers in round `round`: each round other counts, so that
-// a redraw shows on the screen.
-QStringList platformOfRound(int round)
-{
-    return {QStringLiteral("--assigned-keyboards"),
-            QString::number(round),
-            QStringLiteral("--unassigned-keyboards"),
-            QString::number(20 + round),
-            QStringLiteral("--tag"),
-            QStringLiteral("name=Reading room"),
-            QStringLiteral("--tag"),
-            QStringLiteral("location=First floor")};
-}
 
 } // namespace
 
@@ -107,8 +94,7 @@ private Q_SLOTS:
         QVERIFY(stopA());
         // New counts, and a keyboard plugged: every overlay is to be redrawn,
         // A's thread with it, into a server that reads nothing.
-        QVERIFY(blackbox->startPlatform(platformOfRound(++round)));
-        plug();
+        QVERIFY(redrawEverything());
         servedWhileAIsStopped(bBefore, rBefore);
         if (QTest::currentTestFailed()) {
             return;
@@ -130,8 +116,7 @@ private Q_SLOTS:
 
         QVERIFY(stopA());
         call("configureKeyboard", {a.number(), stationOfA});
-        QVERIFY(blackbox->startPlatform(platformOfRound(++round)));
-        plug();
+        QVERIFY(redrawEverything());
         servedWhileAIsStopped(bBefore, rBefore);
         if (QTest::currentTestFailed()) {
             return;
@@ -148,14 +133,11 @@ private Q_SLOTS:
         const QImage bBefore = b.screen();
         const QImage rBefore = r.screen();
         QVERIFY(stopA());
-        QVERIFY(blackbox->startPlatform(platformOfRound(++round)));
-        plug();
+        QVERIFY(redrawEverything());
         // A's new picture is on its way into the stopped server (B and R
         // show theirs) when its overlay is ended; the combination is typed
         // at that moment.
-        QVERIFY2(DaemonRunner::waitUntil([&] { return othersRedrawn(bBefore, rBefore); },
-                                         pictureTimeoutMs),
-                 qPrintable(blackbox->logTail()));
+        QVERIFY(waitUntilOthersRedrawn(bBefore, rBefore));
         call("configurationComplete", {a.number()});
         servedWhileAIsStopped(bBefore, rBefore);
         if (QTest::currentTestFailed()) {
@@ -185,13 +167,10 @@ private Q_SLOTS:
         const QImage bBefore = b.screen();
         const QImage rBefore = r.screen();
         QVERIFY(stopA());
-        QVERIFY(blackbox->startPlatform(platformOfRound(++round)));
-        plug();
+        QVERIFY(redrawEverything());
         // A's thread is held in its picture's upload (B and R show theirs)
         // when the server dies.
-        QVERIFY2(DaemonRunner::waitUntil([&] { return othersRedrawn(bBefore, rBefore); },
-                                         pictureTimeoutMs),
-                 qPrintable(blackbox->logTail()));
+        QVERIFY(waitUntilOthersRedrawn(bBefore, rBefore));
         a.kill();
         // A server on the same display at once, before a test server
         // elsewhere takes the number: the overlay is to come back on it.
@@ -212,8 +191,7 @@ private Q_SLOTS:
         const QImage bBefore = b.screen();
         const QImage rBefore = r.screen();
         QVERIFY(stopA());
-        QVERIFY(blackbox->startPlatform(platformOfRound(++round)));
-        plug();
+        QVERIFY(redrawEverything());
         servedWhileAIsStopped(bBefore, rBefore);
         if (QTest::currentTestFailed()) {
             return;
@@ -269,6 +247,27 @@ private:
     {
         stoppedFor.start();
         return a.stop();
+    }
+
+    // New counts, and a keyboard plugged: every overlay is to be redrawn.
+    bool redrawEverything()
+    {
+        if (!blackbox->startPlatform(platformOfRound(++round))) {
+            return false;
+        }
+        plug();
+        return !QTest::currentTestFailed();
+    }
+
+    // B and R show their new pictures; false, with the log, when they do not in time.
+    bool waitUntilOthersRedrawn(const QImage& bBefore, const QImage& rBefore)
+    {
+        if (DaemonRunner::waitUntil([&] { return othersRedrawn(bBefore, rBefore); },
+                                    pictureTimeoutMs)) {
+            return true;
+        }
+        qWarning("%s", qPrintable(blackbox->logTail()));
+        return false;
     }
 
     // Plugs the next free keyboard: the counts of every overlay are to be
