@@ -202,7 +202,6 @@ void DisplayConfiguration::update()
     }
     station->enforceConnectDeadline();
     station->requestUpdate();
-    takeStationReports();
     // A count change waits for the picture under way; then one more follows.
     if (needsNewImage && !valueCalls && composingGeneration == 0) {
         requestPicture();
