@@ -106,7 +106,7 @@ show_status() {
         [ $SECONDS -lt $deadline ] || fail "no status lines"
         sleep 0.1
     done
-    sleep 0.3 # the lines of the assigned devices follow in the same tick
+    sleep 0.3 # the lines of the assigned devices follow in the same update
     tail -n +"$((before + 1))" "$log" | grep -E 'AssignmentHandler:logStatus|AssignedDeviceHandler:logStatus' |
         sed 's/^/    /'
 }
@@ -248,7 +248,7 @@ run_demo() {
     echo "the simulator received:"
     grep -F 'DeviceAssignedAuto' "$work/platform-calls" | sed 's/^/    /'
     wait_for_line "$log" "Removing unassigned device $second_keyboard\$"
-    echo "the keyboard left the unassigned set at the next tick, its LEDs given back"
+    echo "the keyboard left the unassigned set at the next update, its LEDs given back"
 
     step "Moving both displays to the mouse step (configureMouse)"
     call_daemon configureMouse int32:"$first" int32:1

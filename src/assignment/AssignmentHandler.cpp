@@ -84,6 +84,7 @@ bool AssignmentHandler::addUnassignedDevice(QString deviceFileName)
         return false;
     }
     connect(device, &EventDevice::keymapChanged, this, &AssignmentHandler::keymapChanged);
+    connect(device, &EventDevice::recordsWaiting, this, &AssignmentHandler::updateWanted);
     ledBlinkers.append(new LedBlinker(device));
     unassignedDevices.append(device);
     recreateImages();
@@ -200,6 +201,11 @@ void AssignmentHandler::update()
     for (LedBlinker* blinker : qAsConst(ledBlinkers)) {
         blinker->update();
     }
+    updateDevices();
+}
+
+void AssignmentHandler::updateDevices()
+{
     const QList<QString> assigned = devicesToRemove;
     devicesToRemove.clear();
     for (const QString& deviceFileName : assigned) {
@@ -296,6 +302,7 @@ void AssignmentHandler::keyboardAssigned(DisplayConfiguration* display,
         sequence->setAction(nullptr);
     }
     devicesToRemove.append(eventDevice->getDeviceFileName());
+    Q_EMIT updateWanted();
 }
 
 void AssignmentHandler::mouseAssigned(DisplayConfiguration*, const EventDevice* eventDevice)
@@ -324,5 +331,6 @@ void AssignmentHandler::mouseAssigned(DisplayConfiguration*, const EventDevice* 
     }
     if (eventDevice) {
         devicesToRemove.append(eventDevice->getDeviceFileName());
+        Q_EMIT updateWanted();
     }
 }

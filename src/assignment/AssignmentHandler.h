@@ -22,7 +22,8 @@ class Selvane;
 // display's station.
 //
 // Assignments are reported from inside the read of the devices, so an
-// assigned device is only queued there and dropped at the next update().
+// assigned device is only queued there and dropped at the next update() or
+// updateDevices(); updateWanted() asks for that update.
 class AssignmentHandler : public QObject
 {
     Q_OBJECT
@@ -40,7 +41,10 @@ public:
     void configureKeyboard(int displayId, int stationId);
     void configureMouse(int displayId, int stationId);
     void configurationComplete(int displayId);
+    // The periodic round: the displays' work, the LED steps, then updateDevices().
     void update();
+    // Drops the devices assigned since the last round, then reads the others.
+    void updateDevices();
     void logStatus();
 
     EventDevice* getEventDevice(QString deviceFileName);
@@ -70,6 +74,10 @@ public Q_SLOTS:
     void keymapChanged(const EventDevice* eventDevice);
     void keyboardAssigned(DisplayConfiguration* display, const EventDevice* eventDevice);
     void mouseAssigned(DisplayConfiguration* display, const EventDevice* eventDevice);
+
+Q_SIGNALS:
+    // updateDevices() has work: a device took new records or waits to be dropped.
+    void updateWanted();
 
 private:
     void readVersionFile();

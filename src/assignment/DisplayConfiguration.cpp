@@ -203,8 +203,14 @@ void DisplayConfiguration::update()
     station->enforceConnectDeadline();
     station->requestUpdate();
     // A count change waits for the picture under way; then one more follows.
-    if (needsNewImage && !valueCalls && composingGeneration == 0) {
-        requestPicture();
+    // Changes between two updates are only marked, so that counts recompose
+    // a picture at most once per update however often they change.
+    if (needsNewImage) {
+        if (!valueCalls && composingGeneration == 0) {
+            requestPicture();
+        } else {
+            redrawAfterPicture = true;
+        }
     }
 }
 
@@ -230,8 +236,7 @@ void DisplayConfiguration::takeStationReports()
         case StationThread::Report::PICTURE_DONE:
             if (report.generation == composingGeneration) {
                 composingGeneration = 0;
-                // The count change that came during it.
-                if (needsNewImage && !valueCalls) {
+                if (redrawAfterPicture && needsNewImage && !valueCalls) {
                     requestPicture();
                 }
             }
@@ -243,6 +248,7 @@ void DisplayConfiguration::takeStationReports()
 void DisplayConfiguration::requestPicture()
 {
     needsNewImage = false;
+    redrawAfterPicture = false;
     OverlayContent::Step step = OverlayContent::STEP_KEYBOARD;
     // No values are asked for a display that is not connected: the picture
     // is asked for anew when it is.

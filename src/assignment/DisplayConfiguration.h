@@ -126,6 +126,9 @@ private:
     bool openRequested = false;
     bool displayConnected = false;
     bool needsNewImage = false;
+    // An update() found needsNewImage while a picture was under way: that
+    // picture's end starts the next one.
+    bool redrawAfterPicture = false;
     // The picture that is wanted; an older one is never shown.
     int wantedGeneration = 0;
     // The picture handed to the station and not done yet, or 0.

@@ -7,7 +7,7 @@ class AssignmentHandler;
 class Selvane;
 
 // A remote call received on the daemon's D-Bus object, kept with its arguments
-// until the next tick of the central object, where `execute` forwards it to
+// until the central object's next update, where `execute` forwards it to
 // the handler that owns the matter. Calls are never acted on inside the D-Bus
 // dispatch, so they cannot re-enter a handler in the middle of its update.
 class DBusCommand

@@ -78,42 +78,48 @@ void DBusInterface::update()
     }
 }
 
+void DBusInterface::queueCommand(DBusCommand* command)
+{
+    commandQueue.append(command);
+    Q_EMIT commandQueued();
+}
+
 void DBusInterface::deviceAddedToStation(QString devicePath, int stationId)
 {
-    commandQueue.append(new DBusCommandDeviceAddedToStation(devicePath, stationId));
+    queueCommand(new DBusCommandDeviceAddedToStation(devicePath, stationId));
 }
 
 void DBusInterface::deviceRemovedFromStation(QString devicePath)
 {
-    commandQueue.append(new DBusCommandDeviceRemovedFromStation(devicePath));
+    queueCommand(new DBusCommandDeviceRemovedFromStation(devicePath));
 }
 
 void DBusInterface::unassignedDeviceAdded(QString devicePath)
 {
-    commandQueue.append(new DBusCommandUnassignedDeviceAdded(devicePath));
+    queueCommand(new DBusCommandUnassignedDeviceAdded(devicePath));
 }
 
 void DBusInterface::unassignedDeviceRemoved(QString devicePath)
 {
-    commandQueue.append(new DBusCommandUnassignedDeviceRemoved(devicePath));
+    queueCommand(new DBusCommandUnassignedDeviceRemoved(devicePath));
 }
 
 void DBusInterface::configureKeyboard(int displayId, int stationId)
 {
-    commandQueue.append(new DBusCommandConfigureKeyboard(displayId, stationId));
+    queueCommand(new DBusCommandConfigureKeyboard(displayId, stationId));
 }
 
 void DBusInterface::configureMouse(int displayId, int stationId)
 {
-    commandQueue.append(new DBusCommandConfigureMouse(displayId, stationId));
+    queueCommand(new DBusCommandConfigureMouse(displayId, stationId));
 }
 
 void DBusInterface::configurationComplete(int displayId)
 {
-    commandQueue.append(new DBusCommandConfigurationComplete(displayId));
+    queueCommand(new DBusCommandConfigurationComplete(displayId));
 }
 
 void DBusInterface::logStatus()
 {
-    commandQueue.append(new DBusCommandLogStatus());
+    queueCommand(new DBusCommandLogStatus());
 }

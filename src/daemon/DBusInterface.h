@@ -12,8 +12,9 @@ class Selvane;
 // The daemon's presence on the session bus. It owns the service name
 // "com.orvanta.selvane", exports its slots as the remote methods of the object
 // "/", and holds the proxies of the platform's database, session-controller
-// and assignment services. A remote call only queues a command; `update()`,
-// run by the central object on every tick, executes the queue in arrival order.
+// and assignment services. A remote call only queues a command and emits
+// commandQueued(); `update()`, run by each of the central object's updates,
+// executes the queue in arrival order.
 class DBusInterface : public QObject
 {
     Q_OBJECT
@@ -46,7 +47,13 @@ public Q_SLOTS:
     void configurationComplete(int displayId);
     void logStatus();
 
+Q_SIGNALS:
+    // A remote call queued a command for the next update().
+    void commandQueued();
+
 private:
+    void queueCommand(DBusCommand* command);
+
     Selvane* selvane;
     Orvanta::RemoteObjectProxy databaseInterface;
     Orvanta::RemoteObjectProxy sessionControllerInterface;

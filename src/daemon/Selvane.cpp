@@ -30,6 +30,11 @@ Selvane::Selvane(QString configFile) : dbusInterface(this)
     // overlays show.
     connect(assignedDeviceHandler, &AssignedDeviceHandler::assignedDevicesChanged,
             assignmentHandler, &AssignmentHandler::assignedDevicesChanged);
+    connect(&dbusInterface, &DBusInterface::commandQueued, this, &Selvane::requestEarlyUpdate);
+    connect(assignmentHandler, &AssignmentHandler::updateWanted, this,
+            &Selvane::requestEarlyUpdate);
+    connect(assignedDeviceHandler, &AssignedDeviceHandler::updateWanted, this,
+            &Selvane::requestEarlyUpdate);
     connect(&timer, &QTimer::timeout, this, &Selvane::update);
     timer.start(updateIntervalMs);
 }
@@ -44,8 +49,33 @@ Selvane::~Selvane()
 
 void Selvane::update()
 {
+    // Whatever asked for an early update is done now; a request still posted
+    // finds nothing to do.
+    earlyUpdateRequested = false;
     dbusInterface.update();
     assignmentHandler->update();
+    assignedDeviceHandler->update();
+}
+
+void Selvane::requestEarlyUpdate()
+{
+    if (earlyUpdateRequested) {
+        return;
+    }
+    earlyUpdateRequested = true;
+    QMetaObject::invokeMethod(this, &Selvane::runEarlyUpdate, Qt::QueuedConnection);
+}
+
+// The overlays' work and the LED steps are left to the timer, so that typing
+// never raises the overlays or recomposes their pictures more often.
+void Selvane::runEarlyUpdate()
+{
+    if (!earlyUpdateRequested) {
+        return;
+    }
+    earlyUpdateRequested = false;
+    dbusInterface.update();
+    assignmentHandler->updateDevices();
     assignedDeviceHandler->update();
 }
 

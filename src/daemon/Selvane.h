@@ -13,9 +13,16 @@ class AssignmentHandler;
 class TranslationLanguage;
 
 // The daemon's central object. It owns the handlers and the overlay's
-// languages, read from the translation file at start, and drives the handlers
-// from one repeating 100 ms timer: the program has no other periodic work and
-// no other thread.
+// languages, read from the translation file at start, and runs their updates
+// on the main thread: the D-Bus queue, then the unassigned devices, then the
+// assigned ones.
+//
+// A repeating 100 ms timer runs the full update, which also drives the
+// overlays and the LED rotation. In between, a queued D-Bus call or new key
+// records ask for an early update of the input side alone, so that a
+// combination's command or an assignment does not wait for the timer. An
+// early update runs once the event loop is back at its top (never inside a
+// device read or a D-Bus callback), once however many asked for it.
 class Selvane : public QObject
 {
     Q_OBJECT
@@ -36,11 +43,15 @@ public:
     QStringList getLanguageIds() const;
 
 public Q_SLOTS:
-    // One round of periodic work.
+    // The full update, run by the timer.
     void update();
 
 private:
+    void requestEarlyUpdate();
+    void runEarlyUpdate();
+
     QTimer timer;
+    bool earlyUpdateRequested = false;
     DBusInterface dbusInterface;
     QHash<QString, TranslationLanguage*> languages;
     AssignmentHandler* assignmentHandler = nullptr;

@@ -145,7 +145,7 @@ void EventDevice::readDevice()
     } else if (ready > 0) {
         takePendingRecords();
     }
-    // A bounded share of the queue per call, so that a flooding device cannot hold the tick.
+    // A bounded share of the queue per call, so that a flooding device cannot hold an update.
     for (std::size_t processed = 0; processed < maxRecordsPerUpdate && !queue.empty();
          ++processed) {
         if (!frameMarkKnown) {
@@ -167,6 +167,9 @@ void EventDevice::readDevice()
         updateKeymaps();
     }
     frameFromKernel = false;
+    if (!queue.empty()) {
+        Q_EMIT recordsWaiting();
+    }
     // A read error comes after every record taken before it.
     const int error = queue.empty() ? std::exchange(pendingReadError, 0) : 0;
     if (error == shortRead) {
@@ -186,6 +189,7 @@ void EventDevice::takePendingRecords()
         updateNotifier();
         return;
     }
+    const std::size_t queuedBefore = queue.size();
     ReadBuffer events;
     const ssize_t bytes = read(fd, events.data(), sizeof events);
     if (bytes == -1) {
@@ -201,6 +205,9 @@ void EventDevice::takePendingRecords()
         }
     }
     updateNotifier();
+    if (queue.size() > queuedBefore || pendingReadError != 0) {
+        Q_EMIT recordsWaiting();
+    }
 }
 
 bool EventDevice::isTakingRecords() const

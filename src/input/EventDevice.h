@@ -20,8 +20,9 @@ class QSocketNotifier;
 // The kernel keeps only a short buffer of records per reader and throws it all away when it
 // overflows. So the device takes the kernel's records off its descriptor as soon as they arrive
 // (a socket notifier, and takePendingRecords() while the daemon waits for a command) into a queue
-// of its own; readDevice(), called on the daemon's tick, processes that queue. Only what the key
-// state needs is queued: key records and the frame ends between them.
+// of its own and says so with recordsWaiting(); readDevice(), called by the daemon's updates,
+// processes that queue. Only what the key state needs is queued: key records and the frame ends
+// between them, so a mouse that only moves queues nothing and asks for no update.
 //
 // A device that could not be opened or has no keys is closed (getFd() is -1) right after
 // construction; so is one that was unplugged. Owners delete closed devices.
@@ -78,6 +79,9 @@ public:
 
 Q_SIGNALS:
     void keymapChanged(const EventDevice* device);
+    // readDevice() has work: takePendingRecords() queued new records or met a read error, or
+    // readDevice() left records for its next call.
+    void recordsWaiting();
 
 public:
     // Bounds that keep a flooding device from holding the daemon: records queued before the

@@ -80,6 +80,7 @@ bool AssignedDeviceHandler::addAssignedDevice(QString deviceFileName, int statio
             return false;
         }
         connect(device, &EventDevice::keymapChanged, this, &AssignedDeviceHandler::keymapChanged);
+        connect(device, &EventDevice::recordsWaiting, this, &AssignedDeviceHandler::updateWanted);
         assignedDevices.append(device);
     }
     device->setDeviceVariable(QStringLiteral("station_id"), QString::number(stationId));

@@ -40,6 +40,8 @@ public Q_SLOTS:
 
 Q_SIGNALS:
     void assignedDevicesChanged();
+    // update() has work: a device took new records.
+    void updateWanted();
 
 private:
     QVector<EventDevice*> assignedDevices;

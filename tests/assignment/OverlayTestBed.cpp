@@ -97,7 +97,7 @@ OverlayTestBed::OverlayTestBed(const QStringList& simulatorOptions)
     if (!simulator->isReady()) {
         return;
     }
-    writeFile(bus.path(QStringLiteral("keys.conf")), "KEY_LEFTCTRL:KEY_F1:true\n");
+    writeFile(keysFile(), "KEY_LEFTCTRL:KEY_F1:true\n");
     InputKeyCode::buildTable();
     log = std::make_unique<LogCapture>();
     recreateCentral();
@@ -107,7 +107,7 @@ void OverlayTestBed::recreateCentral()
 {
     dbus.reset();
     central.reset();
-    central = std::make_unique<Selvane>(bus.path(QStringLiteral("keys.conf")));
+    central = std::make_unique<Selvane>(keysFile());
     dbus = std::make_unique<DBusInterface>(central.get());
 }
 

@@ -54,6 +54,8 @@ public:
     PlatformSimulatorProcess& getSimulator() { return *simulator; }
     LogCapture& getLog() { return *log; }
 
+    // The key configuration the central object reads when it is made.
+    QString keysFile() const { return bus.path(QStringLiteral("keys.conf")); }
     // Makes the central object anew, which reads the translations again.
     void recreateCentral();
 

@@ -104,7 +104,7 @@ private Q_SLOTS:
     void logStatusWritesAtTheNextTickNotAtOnce();
     void twoLogStatusCallsInOneTickLogTwiceInOrder();
     void emptyDevicePathIsForwardedUnchanged();
-    void configurationCompleteIsSeenAtTheNextTick();
+    void configurationCompleteIsSeenAtTheNextUpdate();
     void badArgumentsGetAnErrorReplyAndQueueNothing_data();
     void badArgumentsGetAnErrorReplyAndQueueNothing();
     void burstOfCallsRunsCompletelyInOrderWithoutHeapGrowth();
@@ -356,14 +356,17 @@ void DBusInterfaceTest::emptyDevicePathIsForwardedUnchanged()
     QVERIFY(!selvane->getAssignedDeviceHandler()->getEventDevice(QString()));
 }
 
-void DBusInterfaceTest::configurationCompleteIsSeenAtTheNextTick()
+void DBusInterfaceTest::configurationCompleteIsSeenAtTheNextUpdate()
 {
-    // Through the daemon's own service and its own 100 ms ticks. Display 97
-    // has no server, so every AssignmentHandler::update() logs one failed
-    // connect for it. The tick that executes configurationComplete(97) must
-    // delete the configuration before that tick's AssignmentHandler::update():
-    // no failed connect may come in the same tick, that is within a few
-    // milliseconds before the configuration's removal.
+    // Through the daemon's own service and its own updates. Display 97 has no
+    // server, so every periodic update has the station try once more to
+    // connect, which logs one failed connect. The update that executes
+    // configurationComplete(97) deletes the configuration before that
+    // update's display work: no failed connect may come between the call and
+    // the configuration's removal, nor after it. (The call comes early, right
+    // after a failure seen by the test, so no periodic update is due while it
+    // travels. That a key arriving with the call claims nothing is tested
+    // with the early updates.)
     const QString failedConnect = QStringLiteral("Could not get connection to display :97");
     const QString removed =
         QStringLiteral("Removing display configuration on display :97 on station 4.");
@@ -375,33 +378,13 @@ void DBusInterfaceTest::configurationCompleteIsSeenAtTheNextTick()
 
     QVERIFY(callDaemon("configureKeyboard", {97, 4}));
     QVERIFY(DaemonRunner::waitUntil([&] { return log->count(failedConnect) >= 3; }));
+    const int failuresBefore = log->count(failedConnect);
     QVERIFY(callDaemon("configurationComplete", {97}));
     QVERIFY(DaemonRunner::waitUntil([&] { return log->contains(removed); }));
-    const int failuresBefore = log->count(failedConnect);
-    // Ticks go on; the display is gone from them.
+    // Updates go on; the display is gone from them.
     const int ticksLater = 3;
     QTest::qWait(ticksLater * 100 + 50);
     QCOMPARE(log->count(failedConnect), failuresBefore);
-
-    const auto timeOf = [](const LogCapture::Entry& entry) {
-        return QDateTime::fromString(entry.time, "yyyy-MM-dd hh:mm:ss.zzz");
-    };
-    const LogCapture::Entry* removal = log->find(removed);
-    QVERIFY(removal);
-    QDateTime lastFailure;
-    for (const LogCapture::Entry& entry : log->entries()) {
-        if (&entry == removal) {
-            break;
-        }
-        if (entry.message == failedConnect) {
-            lastFailure = timeOf(entry);
-        }
-    }
-    QVERIFY(lastFailure.isValid());
-    const qint64 gap = lastFailure.msecsTo(timeOf(*removal));
-    QVERIFY2(gap >= 50, qPrintable(QString("the last failed connect came %1 ms before the "
-                                           "removal, in the same tick")
-                                       .arg(gap)));
 }
 
 void DBusInterfaceTest::badArgumentsGetAnErrorReplyAndQueueNothing_data()
