@@ -392,6 +392,9 @@ void DaemonInputTest::anAssignmentKeyReachesThePlatformWithin20Ms()
         shown.append(QString::number(latency / 1000.0, 'f', 1));
     }
     qInfo("from key press to the platform's record: %s ms", qPrintable(shown.join(", ")));
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    QSKIP("the time is bounded in builds without sanitizers, which slow the daemon several-fold");
+#endif
     std::sort(latenciesUs.begin(), latenciesUs.end());
     const qint64 median = latenciesUs.at(rounds / 2);
     QVERIFY2(median <= boundUs, qPrintable(QStringLiteral("median %1 ms").arg(median / 1000.0)));
