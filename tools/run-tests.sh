@@ -15,14 +15,14 @@ quick=0
 packages=(
     build-essential cmake ninja-build pkg-config clang clang-format libclang-rt-14-dev git
     qt6-base-dev qt6-base-dev-tools qt6-5compat-dev
-    libxcb1-dev libxcb-image0-dev libxcb-randr0-dev libxau-dev
+    libxcb1-dev libxcb-image0-dev libxcb-randr0-dev libxau-dev libxkbcommon-x11-dev libxcb-xkb-dev
     dbus dbus-daemon umockdev libumockdev-dev
     qemu-system-x86 linux-image-amd64 busybox-static cpio xz-utils kmod
     util-linux procps
     fonts-dejavu-core
     librsvg2-bin
     xvfb libxcb-xfixes0-dev
-    xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils
+    xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils x11-xkb-utils
     scdoc mandoc systemd logrotate dpkg-dev lintian
 )
 

@@ -11,6 +11,7 @@
 
 #include <deque>
 #include <mutex>
+#include <utility>
 
 namespace {
 // The overlay's log lines belong to the display configuration, whichever
@@ -107,6 +108,41 @@ private:
     std::mutex mutex;
     std::deque<ScaledBackground> entries;
 };
+
+// What the keyboard step shows for the assignment key.
+QString keyLabelOf(const OverlayContent& content)
+{
+    return content.keyLabel.isEmpty() ? content.assignmentKey.section('_', -1) : content.keyLabel;
+}
+
+// The labels of the keys before and after a letter, digit or F-key, empty
+// where the row ends (no key before A, 0 or F1, none after Z, 9 or F12).
+std::pair<QString, QString> neighboursOf(const QString& label)
+{
+    QString previous;
+    QString next;
+    if (label.size() == 1) {
+        const QChar key = label.at(0);
+        const QChar first = key.isLetter() ? QChar('A') : QChar('0');
+        const QChar last = key.isLetter() ? QChar('Z') : QChar('9');
+        if (key != first) {
+            previous = QChar(key.unicode() - 1);
+        }
+        if (key != last) {
+            next = QChar(key.unicode() + 1);
+        }
+    } else {
+        const QString number = label.mid(1);
+        if (number != QLatin1String("1")) {
+            previous = QStringLiteral("F%1").arg(number.toInt() - 1);
+        }
+        if (number != QLatin1String("12")) {
+            next = QStringLiteral("F%1").arg(number.toInt() + 1);
+        }
+    }
+    return {previous, next};
+}
+
 } // namespace
 
 bool OverlayComposer::loadImage(const QString& fileName, const QString& badgeFile, uint32_t width,
@@ -215,7 +251,7 @@ void OverlayComposer::renderKeyboardTexts(QPainter& painter, const OverlayConten
     language.renderString(painter, scaleX, scaleY, QStringLiteral("configure-keyboard"));
     renderLabelOnKey(painter, content);
     language.renderString(painter, scaleX, scaleY, QStringLiteral("configure-keyboard-key"),
-                          content.assignmentKey.section('_', -1));
+                          keyLabelOf(content));
     language.renderString(painter, scaleX, scaleY, QStringLiteral("keyboards-available"),
                           content.available);
     language.renderString(painter, scaleX, scaleY, QStringLiteral("keyboards-assigned"),
@@ -239,29 +275,15 @@ void OverlayComposer::renderLabelOnKey(QPainter& painter, const OverlayContent& 
         return;
     }
     // The background shows three key caps: the assignment key in the middle
-    // and its neighbours on the keyboard beside it, where there are any.
-    const QString label = content.assignmentKey.section('_', -1);
-    QString previous;
-    QString next;
-    if (label.size() == 1) {
-        const QChar key = label.at(0);
-        const QChar first = key.isLetter() ? QChar('A') : QChar('0');
-        const QChar last = key.isLetter() ? QChar('Z') : QChar('9');
-        if (key != first) {
-            previous = QChar(key.unicode() - 1);
-        }
-        if (key != last) {
-            next = QChar(key.unicode() + 1);
-        }
-    } else {
-        const QString number = label.mid(1);
-        if (number != QLatin1String("1")) {
-            previous = QStringLiteral("F%1").arg(number.toInt() - 1);
-        }
-        if (number != QLatin1String("12")) {
-            next = QStringLiteral("F%1").arg(number.toInt() + 1);
-        }
-    }
+    // and its neighbours on the keyboard beside it, where there are any. A
+    // label from the station's keyboard map that is no letter from A to Z (a
+    // "," on a French keyboard) has no neighbours to show.
+    const QString label = keyLabelOf(content);
+    const bool isUsLabel = label == content.assignmentKey.section('_', -1);
+    const bool isLetter =
+        label.size() == 1 && label.at(0) >= QLatin1Char('A') && label.at(0) <= QLatin1Char('Z');
+    const auto [previous, next] =
+        isUsLabel || isLetter ? neighboursOf(label) : std::pair<QString, QString>();
     painter.setPen(Qt::white);
     const int y = qRound(keyLabelY * scaleY);
     if (!previous.isEmpty()) {

@@ -26,6 +26,10 @@ struct OverlayContent
     const TranslationLanguage* language = nullptr;
     // "KEY_F3", "KEY_A", "BTN_LEFT" or empty.
     QString assignmentKey;
+    // What the keyboard step shows for assignmentKey, set by the station's
+    // thread from its server's keyboard map ("Y" for KEY_Z on a German map);
+    // empty: the part of assignmentKey after its last "_".
+    QString keyLabel;
     // The release badge's file ("ALPHA.png", "BETA.png") or empty for none.
     QString badgeFile;
     QString stationName;

@@ -18,6 +18,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <utility>
+
 namespace {
 // The overlay's log lines belong to the display configuration, whichever
 // thread writes them.
@@ -204,6 +206,15 @@ void StationDisplay::update()
     while (XcbPointer<xcb_generic_event_t> event{xcb_poll_for_event(connection.get())}) {
         handleEvent(*event);
     }
+    // One new map however many events told of it; the picture is drawn anew
+    // only when the key's label changed.
+    if (std::exchange(keymapChanged, false) && screen) {
+        loadKeymap();
+        if (shownContent.generation != 0 &&
+            keymap.labelFor(shownContent.assignmentKey) != shownContent.keyLabel) {
+            show(shownContent);
+        }
+    }
 }
 
 bool StationDisplay::show(const OverlayContent& content)
@@ -211,14 +222,50 @@ bool StationDisplay::show(const OverlayContent& content)
     if (!connection || !screen) {
         return false;
     }
-    if (!composer.compose(content, width, height)) {
+    OverlayContent labelled = content;
+    labelled.keyLabel = keymap.labelFor(content.assignmentKey);
+    if (!composer.compose(labelled, width, height)) {
         return false;
     }
+    logKeyLabel(labelled);
+    shownContent = labelled;
     const bool created = createXImage();
     if (created) {
         redrawWindow();
     }
     return created;
+}
+
+void StationDisplay::logKeyLabel(const OverlayContent& content)
+{
+    if (content.step != OverlayContent::STEP_KEYBOARD) {
+        loggedKeyLabel.clear();
+        return;
+    }
+    if (content.keyLabel == content.assignmentKey.section(QLatin1Char('_'), -1)) {
+        return;
+    }
+    const QString logged =
+        QStringLiteral("%1 %2 %3")
+            .arg(content.assignmentKey, content.keyLabel, keymap.getLayoutName());
+    if (logged == loggedKeyLabel) {
+        return;
+    }
+    loggedKeyLabel = logged;
+    SELVANE_LOG(LEVEL_INFO,
+                QStringLiteral("Station %1 shows key %2 for %3 (layout %4)")
+                    .arg(content.stationId)
+                    .arg(content.keyLabel, content.assignmentKey, keymap.getLayoutName()));
+}
+
+void StationDisplay::loadKeymap()
+{
+    if (!keymap.load(connection.get(), screen->root)) {
+        SELVANE_LOG(LEVEL_INFO,
+                    "Could not read the keyboard map of display :%d; keys are labelled as on a "
+                    "US keyboard",
+                    displayId);
+    }
 }
 
 bool StationDisplay::loadImage(const QString& fileName)
@@ -331,11 +378,16 @@ bool StationDisplay::openDisplay()
 
     xcb_map_window(c, window);
     xcb_flush(c);
+    loadKeymap();
     return true;
 }
 
 void StationDisplay::handleEvent(const xcb_generic_event_t& event)
 {
+    if (keymap.isMapChange(event)) {
+        keymapChanged = true;
+        return;
+    }
     // The top bit only says that another client sent the event.
     const uint8_t code = event.response_type & 0x7f;
     switch (code) {
@@ -612,4 +664,6 @@ void StationDisplay::releaseConnection()
     }
     connection.reset();
     screen = nullptr;
+    keymap.forget();
+    keymapChanged = false;
 }

@@ -2,6 +2,7 @@
 
 #include "assignment/OverlayComposer.h"
 #include "assignment/OverlayContent.h"
+#include "assignment/StationKeymap.h"
 #include "assignment/XcbHandles.h"
 
 #include <QVector>
@@ -15,8 +16,10 @@ class QDeadlineTimer;
 // One station's X side: the connection to display :displayId, the full-screen
 // overlay window with its properties and invisible cursor, the picture
 // composed at the screen's size and uploaded in bands, and the server's
-// events (map, visibility, expose, RandR size changes). It reconnects when the
-// server was lost.
+// events (map, visibility, expose, RandR size changes, keyboard map changes).
+// It reconnects when the server was lost. The key to press is labelled as the
+// server's keyboard map has it (StationKeymap), and drawn anew when a new map
+// changes that label.
 //
 // Owned by StationThread::run(), a local of the station's thread: every
 // method runs on that thread, which
@@ -59,6 +62,9 @@ public:
     const QImage& getImage() const { return composer.getImage(); }
     double getScaleX() const { return composer.getScaleX(); }
     double getScaleY() const { return composer.getScaleY(); }
+    // The layout of the server's keyboard map, as its rules name it; empty
+    // when the map could not be read.
+    QString getKeyboardLayout() const { return keymap.getLayoutName(); }
 
     // One periodic step: opens the display when needed, notices a lost
     // server, raises the window and handles the pending X events.
@@ -86,6 +92,9 @@ private:
     // A connected socket to the server, or -1 (logged by the caller).
     int connectSocket() const;
     void handleEvent(const xcb_generic_event_t& event);
+    void loadKeymap();
+    // Logs a label that differs from the US one, once per keyboard step.
+    void logKeyLabel(const OverlayContent& content);
     void requestWmStates();
     // Forgets the server's resources without a request: the server is gone.
     void dropDisplay();
@@ -102,6 +111,12 @@ private:
     xcb_atom_t wmStateAboveAtom = 0;
     xcb_atom_t wmStateStaysOnTopAtom = 0;
     OverlayComposer composer;
+    StationKeymap keymap;
+    bool keymapChanged = false;
+    // The content of the picture on the screen, with its key label.
+    OverlayContent shownContent;
+    // The key, label and layout last logged in this keyboard step.
+    QString loggedKeyLabel;
     xcb_pixmap_t pixmap = 0;
     xcb_gcontext_t gc = 0;
     uint8_t randrEventBase = 0;

@@ -3,6 +3,7 @@
 #include "DaemonRunner.h"
 #include "LogCapture.h"
 #include "PlatformSimulatorProcess.h"
+#include "XorgDummyServer.h"
 
 #include "assignment/DisplayConfiguration.h"
 #include "daemon/DBusInterface.h"
@@ -14,6 +15,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
 
 // What a display configuration needs around it in a test: a private session
@@ -99,3 +101,24 @@ private:
         return runUnlessUnavailable<QGuiApplication, TestObject>(                                  \
             argc, argv, &OverlayTestBed::stationBlackboxUnavailableReason);                        \
     }
+
+// For tests on an X.Org server of their own (XorgDummyServer): starts it and
+// runs the test object made with it, or skips (77) when `unavailableReason`
+// names something missing here or the server does not start.
+template <typename TestObject>
+int runWithXorgDummyServer(int argc, char** argv, const std::function<QString()>& unavailableReason)
+{
+    QGuiApplication app(argc, argv);
+    QString reason = unavailableReason();
+    XorgDummyServer server;
+    if (reason.isEmpty() && !server.start()) {
+        reason = server.getFailure();
+    }
+    if (!reason.isEmpty()) {
+        std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));
+        return 77;
+    }
+    TestObject test(server);
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}

@@ -244,19 +244,8 @@ void DisplayConfigurationRandrTest::newModeOfTheSameSizeChangesNothingUntilTheSi
 
 int main(int argc, char** argv)
 {
-    QGuiApplication app(argc, argv);
-    QString reason = OverlayTestBed::unavailableReason(false);
-    XorgDummyServer server;
-    if (reason.isEmpty() && !server.start()) {
-        reason = server.getFailure();
-    }
-    if (!reason.isEmpty()) {
-        std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));
-        return 77;
-    }
-    DisplayConfigurationRandrTest test(server);
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
+    return runWithXorgDummyServer<DisplayConfigurationRandrTest>(
+        argc, argv, [] { return OverlayTestBed::unavailableReason(false); });
 }
 
 #include "test_displayconfiguration_randr.moc"

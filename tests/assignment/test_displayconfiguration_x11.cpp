@@ -78,22 +78,6 @@ QImage badge(const QRect& mark, QRgb colour)
     return picture;
 }
 
-bool isWhite(QRgb pixel)
-{
-    return qRed(pixel) > 200 && qGreen(pixel) > 200 && qBlue(pixel) > 200;
-}
-
-int whitePixels(const QImage& shot, const QRect& area)
-{
-    int count = 0;
-    for (int y = area.top(); y <= area.bottom(); ++y) {
-        for (int x = area.left(); x <= area.right(); ++x) {
-            count += isWhite(shot.pixel(x, y)) ? 1 : 0;
-        }
-    }
-    return count;
-}
-
 int darkPixels(const QImage& shot, const QRect& area)
 {
     int count = 0;
@@ -476,11 +460,11 @@ void DisplayConfigurationX11Test::keyboardPictureShowsTheLabelsOfTheKey()
     const QRect previous(512, 360, 78, 36);
     const QRect current(591, 360, 76, 36);
     const QRect next(668, 360, 80, 36);
-    QVERIFY(whitePixels(shot, current) > 20);
-    QCOMPARE(whitePixels(shot, previous) > 20, hasPrevious);
-    QCOMPARE(whitePixels(shot, next) > 20, hasNext);
-    QCOMPARE(whitePixels(shot, QRect(750, 340, 270, 80)), 0);
-    QCOMPARE(whitePixels(shot, QRect(300, 340, 200, 80)), 0);
+    QVERIFY(XDisplayProbe::whitePixels(shot, current) > 20);
+    QCOMPARE(XDisplayProbe::whitePixels(shot, previous) > 20, hasPrevious);
+    QCOMPARE(XDisplayProbe::whitePixels(shot, next) > 20, hasNext);
+    QCOMPARE(XDisplayProbe::whitePixels(shot, QRect(750, 340, 270, 80)), 0);
+    QCOMPARE(XDisplayProbe::whitePixels(shot, QRect(300, 340, 200, 80)), 0);
 }
 
 void DisplayConfigurationX11Test::keyboardPictureAsksTheDatabaseInOrder()
@@ -727,11 +711,11 @@ void DisplayConfigurationX11Test::largerScreenShowsEverythingAtTheScaledPosition
     QCOMPARE(shot.pixel(10, 760), blue);
     QCOMPARE(shot.pixel(10, 776), red);
     // The labels F4, F5, F6 start at x 648, 744 and 840 on the baseline at y 520.
-    QVERIFY(whitePixels(shot, QRect(644, 478, 92, 46)) > 20);
-    QVERIFY(whitePixels(shot, QRect(740, 478, 92, 46)) > 20);
-    QVERIFY(whitePixels(shot, QRect(836, 478, 100, 46)) > 20);
-    QCOMPARE(whitePixels(shot, QRect(940, 450, 330, 100)), 0);
-    QCOMPARE(whitePixels(shot, QRect(300, 450, 340, 100)), 0);
+    QVERIFY(XDisplayProbe::whitePixels(shot, QRect(644, 478, 92, 46)) > 20);
+    QVERIFY(XDisplayProbe::whitePixels(shot, QRect(740, 478, 92, 46)) > 20);
+    QVERIFY(XDisplayProbe::whitePixels(shot, QRect(836, 478, 100, 46)) > 20);
+    QCOMPARE(XDisplayProbe::whitePixels(shot, QRect(940, 450, 330, 100)), 0);
+    QCOMPARE(XDisplayProbe::whitePixels(shot, QRect(300, 450, 340, 100)), 0);
     // The texts on their scaled lines (baseline 60 of the picture is 80 here).
     for (const int baseline : {60, 100, 140, 200, 240, 480, 520}) {
         const int y = qRound(baseline * 1024.0 / 768.0);
@@ -766,9 +750,9 @@ void DisplayConfigurationX11Test::sixteenBitScreenShowsTheRightColours()
     QCOMPARE(pixel16(shot, 1000, 20), magenta16);
     // The labels F4, F5 and F6 in white.
     const QImage labels = shot.convertToFormat(QImage::Format_RGB32);
-    QVERIFY(whitePixels(labels, QRect(512, 360, 78, 36)) > 20);
-    QVERIFY(whitePixels(labels, QRect(591, 360, 76, 36)) > 20);
-    QVERIFY(whitePixels(labels, QRect(668, 360, 80, 36)) > 20);
+    QVERIFY(XDisplayProbe::whitePixels(labels, QRect(512, 360, 78, 36)) > 20);
+    QVERIFY(XDisplayProbe::whitePixels(labels, QRect(591, 360, 76, 36)) > 20);
+    QVERIFY(XDisplayProbe::whitePixels(labels, QRect(668, 360, 80, 36)) > 20);
 }
 
 void DisplayConfigurationX11Test::ultraHighDefinitionScreenShowsTheWholePicture()

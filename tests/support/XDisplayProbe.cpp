@@ -227,6 +227,31 @@ QList<XDisplayProbe::WmStateRequest> XDisplayProbe::takeWmStateRequests() const
     return requests;
 }
 
+int XDisplayProbe::whitePixels(const QImage& picture, const QRect& area)
+{
+    int count = 0;
+    for (int y = area.top(); y <= area.bottom(); ++y) {
+        for (int x = area.left(); x <= area.right(); ++x) {
+            const QRgb pixel = picture.pixel(x, y);
+            count += qRed(pixel) > 200 && qGreen(pixel) > 200 && qBlue(pixel) > 200 ? 1 : 0;
+        }
+    }
+    return count;
+}
+
+void XDisplayProbe::paintBlack(xcb_window_t window, const QRect& area) const
+{
+    xcb_connection_t* c = connection.get();
+    const xcb_gcontext_t gc = xcb_generate_id(c);
+    xcb_create_gc(c, gc, window, XCB_GC_FOREGROUND, &blackPixel);
+    const xcb_rectangle_t rectangle = {
+        static_cast<int16_t>(area.x()), static_cast<int16_t>(area.y()),
+        static_cast<uint16_t>(area.width()), static_cast<uint16_t>(area.height())};
+    xcb_poly_fill_rectangle(c, window, gc, 1, &rectangle);
+    xcb_free_gc(c, gc);
+    sync();
+}
+
 xcb_window_t XDisplayProbe::mapWindow(const QRect& area) const
 {
     xcb_connection_t* c = connection.get();

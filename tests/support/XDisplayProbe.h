@@ -51,6 +51,9 @@ public:
     // The pixels of the screen in `area`: Format_RGB32 on 24-bit screens,
     // Format_RGB16 on 16-bit ones.
     QImage screenshot(const QRect& area) const;
+    // How many pixels of the picture's area are near white (each of red,
+    // green and blue above 200): the overlay draws its texts white.
+    static int whitePixels(const QImage& picture, const QRect& area);
     // The first event code of RandR, 0 when the server lacks it.
     uint8_t randrEventBase() const;
     // Sends a RandR screen-change notification with this size to the window's owner.
@@ -71,6 +74,9 @@ public:
     QList<WmStateRequest> takeWmStateRequests() const;
     // Maps a black override-redirect window of this client over the area.
     xcb_window_t mapWindow(const QRect& area) const;
+    // Paints the area of another client's window black; it stays so until
+    // that client draws there again.
+    void paintBlack(xcb_window_t window, const QRect& area) const;
 
 private:
     XcbConnection connection;

@@ -10,7 +10,8 @@
 
 namespace {
 
-constexpr int xrandrTimeoutMs = 10000;
+// The longest an X client program (xrandr, setxkbmap) may take.
+constexpr int clientTimeoutMs = 10000;
 const QString dummyDriver = QStringLiteral("/usr/lib/xorg/modules/drivers/dummy_drv.so");
 
 // The dummy driver keeps the screen in "video memory" of its own:
@@ -122,13 +123,24 @@ bool XorgDummyServer::setScreenSize(QSize size, int refreshRate) const
     if (refreshRate != 0) {
         arguments << QStringLiteral("-r") << QString::number(refreshRate);
     }
-    QProcess xrandr;
-    xrandr.setProcessChannelMode(QProcess::ForwardedChannels);
-    xrandr.start(QStringLiteral("xrandr"), arguments);
-    if (!xrandr.waitForFinished(xrandrTimeoutMs)) {
-        xrandr.kill();
-        xrandr.waitForFinished(xrandrTimeoutMs);
+    return runClient(QStringLiteral("xrandr"), arguments);
+}
+
+bool XorgDummyServer::setKeyboardLayout(const QString& layout) const
+{
+    return runClient(QStringLiteral("setxkbmap"), {QStringLiteral("-display"), getDisplayName(),
+                                                   QStringLiteral("-layout"), layout});
+}
+
+bool XorgDummyServer::runClient(const QString& program, const QStringList& arguments)
+{
+    QProcess client;
+    client.setProcessChannelMode(QProcess::ForwardedChannels);
+    client.start(program, arguments);
+    if (!client.waitForFinished(clientTimeoutMs)) {
+        client.kill();
+        client.waitForFinished(clientTimeoutMs);
         return false;
     }
-    return xrandr.exitStatus() == QProcess::NormalExit && xrandr.exitCode() == 0;
+    return client.exitStatus() == QProcess::NormalExit && client.exitCode() == 0;
 }
