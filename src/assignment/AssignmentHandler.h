@@ -24,6 +24,8 @@ class Selvane;
 // Assignments are reported from inside the read of the devices, so an
 // assigned device is only queued there and dropped at the next update() or
 // updateDevices(); updateWanted() asks for that update.
+//
+// Owned by the central object; every method runs on the main thread.
 class AssignmentHandler : public QObject
 {
     Q_OBJECT

@@ -12,6 +12,11 @@ class RemoteObjectProxy;
 // `message` signal and written to each channel (standard output, file, D-Bus
 // method) whose threshold is at least the message's level. Threshold 0 turns a
 // channel off.
+//
+// The instance lives on the main thread, which sets it up and tears it down;
+// write() may be called from any thread (the station threads log too): a
+// recursive mutex guards the channels, and a line for the D-Bus channel from
+// another thread is handed to the logger's own thread with a queued call.
 class Logger : public QObject
 {
     Q_OBJECT

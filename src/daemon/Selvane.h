@@ -23,6 +23,9 @@ class TranslationLanguage;
 // combination's command or an assignment does not wait for the timer. An
 // early update runs once the event loop is back at its top (never inside a
 // device read or a D-Bus callback), once however many asked for it.
+//
+// Made by main() on the main thread, where it lives and where every method
+// runs; what runs on the station threads only gets values from it.
 class Selvane : public QObject
 {
     Q_OBJECT

@@ -26,6 +26,8 @@ class QSocketNotifier;
 //
 // A device that could not be opened or has no keys is closed (getFd() is -1) right after
 // construction; so is one that was unplugged. Owners delete closed devices.
+//
+// Owned by one of the two device handlers; every method runs on the main thread.
 class EventDevice : public QObject
 {
     Q_OBJECT

@@ -12,6 +12,8 @@ class TriggeredAction;
 // Owns the devices assigned to stations and the key sequences of the key
 // configuration file. After each key event of a device it tests every
 // sequence; a matched command runs once every key of that device is up again.
+//
+// Owned by the central object; every method runs on the main thread.
 class AssignedDeviceHandler : public QObject
 {
     Q_OBJECT
