@@ -77,7 +77,22 @@ StationKeymap::~StationKeymap() = default;
 
 bool StationKeymap::load(xcb_connection_t* connection, xcb_window_t root)
 {
-    forget();
+    keymap.reset();
+    layoutName.clear();
+    if (coreKeyboard == -1 && !setUp(connection)) {
+        return false;
+    }
+    keymap.reset(xkb_x11_keymap_new_from_device(context.get(), connection, coreKeyboard,
+                                                XKB_KEYMAP_COMPILE_NO_FLAGS));
+    if (!keymap) {
+        return false;
+    }
+    layoutName = readLayoutName(connection, root);
+    return true;
+}
+
+bool StationKeymap::setUp(xcb_connection_t* connection)
+{
     if (!context) {
         // The map comes from the server; no file of ours is read.
         context.reset(xkb_context_new(static_cast<xkb_context_flags>(
@@ -96,16 +111,11 @@ bool StationKeymap::load(xcb_connection_t* connection, xcb_window_t root)
     if (device == -1) {
         return false;
     }
-    xkbEventBase = eventBase;
     xcb_xkb_select_events(connection, static_cast<xcb_xkb_device_spec_t>(device), mapChangeEvents,
                           0, mapChangeEvents, mapParts, mapParts, nullptr);
     xcb_flush(connection);
-    keymap.reset(xkb_x11_keymap_new_from_device(context.get(), connection, device,
-                                                XKB_KEYMAP_COMPILE_NO_FLAGS));
-    if (!keymap) {
-        return false;
-    }
-    layoutName = readLayoutName(connection, root);
+    xkbEventBase = eventBase;
+    coreKeyboard = device;
     return true;
 }
 
@@ -113,6 +123,8 @@ void StationKeymap::forget()
 {
     keymap.reset();
     layoutName.clear();
+    xkbEventBase = 0;
+    coreKeyboard = -1;
 }
 
 bool StationKeymap::isMapChange(const xcb_generic_event_t& event) const

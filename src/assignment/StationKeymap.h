@@ -27,10 +27,12 @@ public:
     StationKeymap(const StationKeymap&) = delete;
     StationKeymap& operator=(const StationKeymap&) = delete;
 
-    // Reads the server's map and the name of its layout, and asks the server
-    // to tell when its keyboard or map changes. False, with the map
-    // forgotten, when the server has no XKB or the map cannot be read.
+    // Reads the server's map and the name of its layout; the first time on a
+    // connection it also asks the server to tell when its keyboard or map
+    // changes. False, with the map forgotten, when the server has no XKB or
+    // the map cannot be read.
     bool load(xcb_connection_t* connection, xcb_window_t root);
+    // Forgets the map and the connection's XKB set-up: the connection is gone.
     void forget();
     bool isLoaded() const { return static_cast<bool>(keymap); }
     // The layout as the server's rules name it ("de", "ru,us"); empty when unknown.
@@ -47,6 +49,8 @@ public:
     QString labelFor(const QString& assignmentKey) const;
 
 private:
+    // Sets XKB up on the connection and selects the map change events.
+    bool setUp(xcb_connection_t* connection);
     QString latinCharacter(int kernelKeyCode) const;
     QString readLayoutName(xcb_connection_t* connection, xcb_window_t root) const;
 
@@ -62,6 +66,8 @@ private:
     std::unique_ptr<xkb_context, ContextFree> context;
     std::unique_ptr<xkb_keymap, KeymapFree> keymap;
     QString layoutName;
-    // The first event code of XKB on the connection, 0 when it has none.
+    // The first event code of XKB on the connection, 0 when it is not set up.
     uint8_t xkbEventBase = 0;
+    // The server's core keyboard, -1 when XKB is not set up.
+    int32_t coreKeyboard = -1;
 };
