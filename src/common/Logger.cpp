@@ -49,9 +49,9 @@ Logger::~Logger()
 // A channel without a name, or whose file did not open, has no file to close.
 void Logger::closeLogFile()
 {
-    if (logFile.isOpen()) {
-        logFile.flush();
-        logFile.close();
+    if (logFile->isOpen()) {
+        logFile->flush();
+        logFile->close();
     }
 }
 
@@ -101,6 +101,7 @@ void Logger::enableFileChannel(Level level, QString fileName, bool append)
     if (level == LEVEL_DISABLED) {
         return;
     }
+    instance->logFileName = fileName;
     if (fileName.isEmpty()) {
         instance->fileThreshold = level;
         return;
@@ -108,7 +109,7 @@ void Logger::enableFileChannel(Level level, QString fileName, bool append)
     // The name comes from the command line, decoded as Latin-1.
     const QIODevice::OpenMode mode = append ? (QIODevice::WriteOnly | QIODevice::Append)
                                             : (QIODevice::WriteOnly | QIODevice::Truncate);
-    if (!openLatin1Path(instance->logFile, fileName, mode)) {
+    if (!openLatin1Path(*instance->logFile, fileName, mode)) {
         instance->fileThreshold = level;
         return;
     }
@@ -116,6 +117,27 @@ void Logger::enableFileChannel(Level level, QString fileName, bool append)
     // signal and the other channels but never the file it announces.
     SELVANE_LOG(LEVEL_INFO, "Logfile opened: " + QFileInfo(fileName).absoluteFilePath());
     instance->fileThreshold = level;
+}
+
+void Logger::reopenFileChannel()
+{
+    const LoggerLock lock(loggerMutex());
+    if (!instance || instance->fileThreshold == LEVEL_DISABLED || instance->logFileName.isEmpty()) {
+        return;
+    }
+    // The new file is opened before the old one is let go: lines written until
+    // now stay in the old file, whatever happened to its name, and none is
+    // lost when the name cannot be opened.
+    auto reopened = std::make_unique<QFile>();
+    const QString absolutePath = QFileInfo(instance->logFileName).absoluteFilePath();
+    if (!openLatin1Path(*reopened, instance->logFileName,
+                        QIODevice::WriteOnly | QIODevice::Append)) {
+        SELVANE_LOG(LEVEL_ERROR, "Could not reopen logfile " + absolutePath);
+        return;
+    }
+    instance->closeLogFile();
+    instance->logFile = std::move(reopened);
+    SELVANE_LOG(LEVEL_INFO, "Logfile reopened: " + absolutePath);
 }
 
 void Logger::enableDBusChannel(Level level, QString connectionName, QString serviceName,
@@ -282,14 +304,14 @@ void Logger::writeToFile(Level, QString line)
 {
     // The channel counts as on even when its file could not be opened; those
     // lines are lost without a word (QFile would warn about every one).
-    if (!logFile.isOpen()) {
+    if (!logFile->isOpen()) {
         return;
     }
     if (!line.endsWith(QLatin1Char('\n'))) {
         line += QLatin1Char('\n');
     }
-    logFile.write(line.toLatin1());
-    logFile.flush();
+    logFile->write(line.toLatin1());
+    logFile->flush();
 }
 
 void Logger::connectToDBus()

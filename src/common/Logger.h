@@ -4,6 +4,8 @@
 #include <QObject>
 #include <QString>
 
+#include <memory>
+
 namespace Orvanta {
 
 class RemoteObjectProxy;
@@ -40,6 +42,11 @@ public:
 
     static void enableStandardOutputChannel(Level level);
     static void enableFileChannel(Level level, QString fileName, bool append);
+    // Closes the file channel's file and opens its name again, appending, so
+    // that a log moved away by rotation is followed by a new file at the same
+    // path. Only while the channel is on and has a name; when the name cannot
+    // be opened, the open file stays.
+    static void reopenFileChannel();
     static void enableDBusChannel(Level level, QString connectionName, QString serviceName,
                                   QString objectPath, QString sourceName, QString methodName);
 
@@ -74,7 +81,10 @@ private:
     void writeToDBus(Level level, QString line);
 
     Level fileThreshold = LEVEL_DISABLED;
-    QFile logFile;
+    // The file is opened through its descriptor (openLatin1Path), so QFile
+    // keeps no name: the channel's own is kept for reopening.
+    QString logFileName;
+    std::unique_ptr<QFile> logFile = std::make_unique<QFile>();
     Level standardOutputThreshold = LEVEL_DISABLED;
     Level dbusThreshold = LEVEL_DISABLED;
     QString dbusConnectionName;

@@ -2,6 +2,7 @@
 
 #include <QObject>
 
+#include <functional>
 #include <initializer_list>
 
 class QSocketNotifier;
@@ -21,7 +22,7 @@ class SignalRelay : public QObject
     Q_OBJECT
 
 public:
-    using Handler = void (*)(int);
+    using Handler = std::function<void(int)>;
 
     // Installs the relay for each of the signals. Needs the application object.
     SignalRelay(std::initializer_list<int> signalNumbers, Handler handler);

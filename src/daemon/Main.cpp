@@ -29,6 +29,13 @@ void quit_handler(int)
     QCoreApplication::quit();
 }
 
+// Runs on the event loop too; the reload itself waits for the next update.
+void reload_handler(Selvane& selvane)
+{
+    SELVANE_LOG(LEVEL_INFO, "Received signal to reload");
+    selvane.requestReload();
+}
+
 int main(int argc, char* argv[])
 {
     // The daemon draws its overlays itself through xcb, so Qt never needs a
@@ -95,7 +102,16 @@ int main(int argc, char* argv[])
     }
 
     Orvanta::CrashHandler::install(pidFile);
-    const Orvanta::SignalRelay quitRelay({SIGINT, SIGTERM}, quit_handler);
+    // SIGHUP asks for a reload. The relay hands signals over only once the
+    // event loop runs, when the central object exists.
+    std::unique_ptr<Selvane> selvane;
+    const Orvanta::SignalRelay signalRelay({SIGINT, SIGTERM, SIGHUP}, [&selvane](int signalNumber) {
+        if (signalNumber != SIGHUP) {
+            quit_handler(signalNumber);
+        } else if (selvane) {
+            reload_handler(*selvane);
+        }
+    });
 
     Orvanta::Logger::initialize();
     Orvanta::Logger::enableFileChannel(Orvanta::Logger::LEVEL_DEBUG, commandLine.getLogFileName(),
@@ -107,7 +123,7 @@ int main(int argc, char* argv[])
     // Once more in the daemon child, now that its registration can be logged.
     DisplayConfiguration::initTranslations();
 
-    auto selvane = std::make_unique<Selvane>(commandLine.getConfigFileName());
+    selvane = std::make_unique<Selvane>(commandLine.getConfigFileName());
     const int result = QCoreApplication::exec();
     selvane.reset();
 

@@ -14,7 +14,7 @@ constexpr char logSource[] = "Selvane";
 constexpr int updateIntervalMs = 100;
 } // namespace
 
-Selvane::Selvane(QString configFile) : dbusInterface(this)
+Selvane::Selvane(QString configFile) : configFileName(configFile), dbusInterface(this)
 {
     if (!dbusInterface.connect()) {
         SELVANE_LOG(LEVEL_ERROR, "Could not connect to dbus");
@@ -52,6 +52,7 @@ void Selvane::update()
     // Whatever asked for an early update is done now; a request still posted
     // finds nothing to do.
     earlyUpdateRequested = false;
+    reloadIfRequested();
     dbusInterface.update();
     assignmentHandler->update();
     assignedDeviceHandler->update();
@@ -74,9 +75,28 @@ void Selvane::runEarlyUpdate()
         return;
     }
     earlyUpdateRequested = false;
+    reloadIfRequested();
     dbusInterface.update();
     assignmentHandler->updateDevices();
     assignedDeviceHandler->update();
+}
+
+void Selvane::requestReload()
+{
+    reloadRequested = true;
+    requestEarlyUpdate();
+}
+
+// The log first, so that what the reading of the file reports lands in the
+// new one.
+void Selvane::reloadIfRequested()
+{
+    if (!reloadRequested) {
+        return;
+    }
+    reloadRequested = false;
+    Orvanta::Logger::reopenFileChannel();
+    assignedDeviceHandler->reloadConfigFile(configFileName);
 }
 
 void Selvane::logStatus()

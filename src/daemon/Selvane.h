@@ -24,6 +24,10 @@ class TranslationLanguage;
 // early update runs once the event loop is back at its top (never inside a
 // device read or a D-Bus callback), once however many asked for it.
 //
+// A reload (SIGHUP) is done at the start of the next update, never in the
+// middle of one: the log file is reopened and the key configuration file read
+// again; devices, LEDs, overlays and the D-Bus service stay as they are.
+//
 // Made by main() on the main thread, where it lives and where every method
 // runs; what runs on the station threads only gets values from it.
 class Selvane : public QObject
@@ -37,6 +41,9 @@ public:
 
     // Logs the state of the handlers.
     void logStatus();
+    // Asks the next update to reopen the log file and read the key
+    // configuration file again; several requests before it make one reload.
+    void requestReload();
 
     AssignmentHandler* getAssignmentHandler() { return assignmentHandler; }
     AssignedDeviceHandler* getAssignedDeviceHandler() { return assignedDeviceHandler; }
@@ -52,9 +59,12 @@ public Q_SLOTS:
 private:
     void requestEarlyUpdate();
     void runEarlyUpdate();
+    void reloadIfRequested();
 
+    QString configFileName;
     QTimer timer;
     bool earlyUpdateRequested = false;
+    bool reloadRequested = false;
     DBusInterface dbusInterface;
     QHash<QString, TranslationLanguage*> languages;
     AssignmentHandler* assignmentHandler = nullptr;

@@ -9,6 +9,8 @@
 
 #include <QFile>
 
+#include <utility>
+
 namespace {
 constexpr char logSource[] = "AssignedDeviceHandler";
 // Lines are read in pieces of at most 255 characters; the rest of a longer
@@ -28,20 +30,21 @@ AssignedDeviceHandler::~AssignedDeviceHandler()
     qDeleteAll(triggeredActions);
 }
 
-void AssignedDeviceHandler::parseConfigFile(QString configFileName)
+bool AssignedDeviceHandler::parseConfigFile(QString configFileName)
 {
     if (configFileName.isEmpty()) {
         SELVANE_LOG(LEVEL_ERROR, "configFileName is empty");
-        return;
+        return false;
     }
     // The name holds the path's bytes one character each, as the command line gave them.
     QFile file;
     if (!Orvanta::openLatin1Path(file, configFileName, QIODevice::ReadOnly)) {
         SELVANE_LOG(LEVEL_ERROR, "Could not open config file " + configFileName);
-        return;
+        return false;
     }
     SELVANE_LOG(LEVEL_INFO, "Parsing config file " + configFileName);
 
+    QVector<KeySequence*> sequences;
     char buffer[lineBufferSize];
     qint64 length;
     while ((length = file.readLine(buffer, sizeof buffer)) > 0) {
@@ -59,13 +62,72 @@ void AssignedDeviceHandler::parseConfigFile(QString configFileName)
         }
         auto* sequence = new KeySequence(line, this);
         if (sequence->isValid()) {
-            keySequences.append(sequence);
+            sequences.append(sequence);
         } else {
             delete sequence;
         }
     }
     file.close();
+    carryOverTriggeredActions(sequences);
+    qDeleteAll(keySequences);
+    keySequences = sequences;
     SELVANE_LOG(LEVEL_INFO, "Parsed %d key sequence(s).", static_cast<int>(keySequences.size()));
+    return true;
+}
+
+namespace {
+const SystemCommandAction* commandAction(const KeySequence* sequence)
+{
+    return dynamic_cast<const SystemCommandAction*>(sequence->getAction());
+}
+
+// The command action of the sequence of `sequences` with the same keys and
+// command as `sequence`, or null.
+const SystemCommandAction* findSameLine(const KeySequence* sequence,
+                                        const QVector<KeySequence*>& sequences)
+{
+    const SystemCommandAction* action = commandAction(sequence);
+    for (const KeySequence* candidate : sequences) {
+        const SystemCommandAction* candidateAction = commandAction(candidate);
+        if (action && candidateAction && candidate->getHoldKeys() == sequence->getHoldKeys() &&
+            candidate->getPressKeys() == sequence->getPressKeys() &&
+            candidateAction->getCommand() == action->getCommand()) {
+            return candidateAction;
+        }
+    }
+    return nullptr;
+}
+} // namespace
+
+// Nothing of the file read before runs after a new one is read: a command
+// still waiting for its keys to be released runs only if the new file has
+// the same line, and then as that line's action. The others are dropped, so
+// that no trigger points at an action deleted with its sequence.
+void AssignedDeviceHandler::carryOverTriggeredActions(const QVector<KeySequence*>& sequences)
+{
+    const QVector<TriggeredAction*> waiting = std::exchange(triggeredActions, {});
+    for (TriggeredAction* triggered : waiting) {
+        const EventDevice* device = triggered->getEventDevice();
+        for (const KeySequence* old : qAsConst(keySequences)) {
+            if (old->getAction() != triggered->getAction()) {
+                continue;
+            }
+            const SystemCommandAction* same = findSameLine(old, sequences);
+            if (same && device) {
+                actionTriggered(same, device);
+            }
+            break;
+        }
+        delete triggered;
+    }
+}
+
+void AssignedDeviceHandler::reloadConfigFile(QString configFileName)
+{
+    if (!parseConfigFile(configFileName)) {
+        SELVANE_LOG(LEVEL_WARNING, "Keeping the running configuration of %d key sequence(s).",
+                    static_cast<int>(keySequences.size()));
+    }
 }
 
 bool AssignedDeviceHandler::addAssignedDevice(QString deviceFileName, int stationId)

@@ -22,7 +22,13 @@ public:
     explicit AssignedDeviceHandler(QString configFileName);
     ~AssignedDeviceHandler() override;
 
-    void parseConfigFile(QString configFileName);
+    // Reads the key sequences of the file in place of the current ones; of the
+    // commands still waiting for their keys to be released, only those whose
+    // line the file still has stay. False, with everything kept, when the
+    // file cannot be opened.
+    bool parseConfigFile(QString configFileName);
+    // parseConfigFile(), and a warning when the running configuration is kept.
+    void reloadConfigFile(QString configFileName);
 
     // Opens the device (unless it is already assigned) and sets its
     // "station_id". False only when the device could not be used.
@@ -46,6 +52,8 @@ Q_SIGNALS:
     void updateWanted();
 
 private:
+    void carryOverTriggeredActions(const QVector<KeySequence*>& sequences);
+
     QVector<EventDevice*> assignedDevices;
     QVector<KeySequence*> keySequences;
     QVector<TriggeredAction*> triggeredActions;

@@ -369,6 +369,76 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(file("other.log")));
     }
 
+    void reopeningFollowsAMovedFileWithANewOneAtTheSamePath()
+    {
+        const QString logFile = file("rotated.log");
+        const QString moved = file("rotated.log.1");
+        Logger::enableFileChannel(Logger::LEVEL_DEBUG, logFile, true);
+        Logger::write(Logger::LEVEL_INFO, "T", "f", 1, QStringLiteral("before"));
+        QVERIFY(QFile::rename(logFile, moved));
+        Logger::write(Logger::LEVEL_INFO, "T", "f", 2, QStringLiteral("after the move"));
+        LogCapture capture;
+        Logger::reopenFileChannel();
+        Logger::write(Logger::LEVEL_INFO, "T", "f", 3, QStringLiteral("reopened"));
+
+        // Until the reopening, lines go to the file that was open, whatever its name.
+        const QByteArray old = readAll(moved);
+        QVERIFY(old.contains("] [T:f:1] before\n"));
+        QVERIFY(old.endsWith("] [T:f:2] after the move\n"));
+        const QList<QByteArray> lines = readAll(logFile).split('\n');
+        QCOMPARE(lines.size(), 3); // two lines and the empty rest after the last newline
+        QVERIFY(lines.at(0).contains("] [Info] [Logger:reopenFileChannel:"));
+        QVERIFY(lines.at(0).endsWith("] Logfile reopened: " + QFile::encodeName(logFile)));
+        QVERIFY(lines.at(1).endsWith("] [T:f:3] reopened"));
+        QCOMPARE(capture.messages().first(), "Logfile reopened: " + logFile);
+    }
+
+    void reopeningAppendsToAnExistingFile()
+    {
+        // logrotate's "create" puts an empty file in place before the reopening;
+        // a file someone else already wrote to is appended to, never truncated.
+        const QString logFile = file("created.log");
+        Logger::enableFileChannel(Logger::LEVEL_DEBUG, logFile, false);
+        QVERIFY(QFile::rename(logFile, file("created.log.1")));
+        {
+            QFile created(logFile);
+            QVERIFY(created.open(QIODevice::WriteOnly));
+            created.write("created line\n");
+        }
+        Logger::reopenFileChannel();
+        QVERIFY(readAll(logFile).startsWith("created line\n["));
+    }
+
+    void reopeningAnUnopenableNameKeepsTheOpenFile()
+    {
+        QTemporaryDir logDir;
+        const QString logFile = logDir.filePath("kept.log");
+        Logger::enableFileChannel(Logger::LEVEL_DEBUG, logFile, true);
+        const QString moved = file("kept.log.moved");
+        QVERIFY(QFile::rename(logFile, moved));
+        QVERIFY(logDir.remove());
+        LogCapture capture;
+        Logger::reopenFileChannel();
+        Logger::write(Logger::LEVEL_INFO, "T", "f", 1, QStringLiteral("still written"));
+        QCOMPARE(capture.messages(),
+                 (QStringList{"Could not reopen logfile " + logFile, "still written"}));
+        QCOMPARE(capture.entries().first().level, Logger::LEVEL_ERROR);
+        const QByteArray kept = readAll(moved);
+        QVERIFY(kept.contains("] [Error] [Logger:reopenFileChannel:"));
+        QVERIFY(kept.endsWith("] [T:f:1] still written\n"));
+    }
+
+    void reopeningAChannelThatIsOffOrHasNoNameDoesNothing()
+    {
+        LogCapture capture;
+        Logger::reopenFileChannel();
+        Logger::enableFileChannel(Logger::LEVEL_DEBUG, QString(), true);
+        Logger::reopenFileChannel();
+        Logger::enableFileChannel(Logger::LEVEL_DISABLED, QString(), true);
+        Logger::reopenFileChannel();
+        QCOMPARE(capture.messages(), QStringList());
+    }
+
     void standardOutputChannelWritesToStandardErrorUpToItsThreshold()
     {
         Logger::enableStandardOutputChannel(Logger::LEVEL_WARNING);

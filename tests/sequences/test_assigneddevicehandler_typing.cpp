@@ -115,6 +115,102 @@ private Q_SLOTS:
         QCOMPARE(output(), QByteArray("first\nsecond\n"));
     }
 
+    // A reload while Ctrl+F1 is held: the command waiting for the release runs
+    // only if the new file still has its line, and then as the new file's.
+    void reloadWithTheCombinationHeld_data()
+    {
+        QTest::addColumn<QString>("newFile");
+        QTest::addColumn<bool>("deleted");
+        QTest::addColumn<QByteArray>("ranOnRelease");
+        QTest::addColumn<int>("sequences");
+        // What Ctrl+F1, then Ctrl+F2, typed with Ctrl held throughout, run afterwards.
+        QTest::addColumn<QByteArray>("ranAfterwards");
+        QTest::newRow("line kept among others")
+            << "KEY_LEFTCTRL:KEY_F2:echo other >> OUT\nKEY_LEFTCTRL:KEY_F1:echo old >> OUT\n"
+            << false << QByteArray("old\n") << 2 << QByteArray("old\nother\n");
+        QTest::newRow("line removed") << "KEY_LEFTCTRL:KEY_F2:echo other >> OUT\n"
+                                      << false << QByteArray() << 1 << QByteArray("other\n");
+        QTest::newRow("same keys, other command")
+            << "KEY_LEFTCTRL:KEY_F1:echo new >> OUT\n"
+            << false << QByteArray() << 1 << QByteArray("new\n");
+        QTest::newRow("same command, other keys")
+            << "KEY_LEFTCTRL,KEY_LEFTSHIFT:KEY_F1:echo old >> OUT\n"
+            << false << QByteArray() << 1 << QByteArray();
+        QTest::newRow("empty file") << "" << false << QByteArray() << 0 << QByteArray();
+        QTest::newRow("file deleted: the running configuration stays")
+            << "" << true << QByteArray("old\n") << 1 << QByteArray("old\n");
+    }
+
+    void reloadWithTheCombinationHeld()
+    {
+        QFETCH(QString, newFile);
+        QFETCH(bool, deleted);
+        QFETCH(QByteArray, ranOnRelease);
+        QFETCH(int, sequences);
+        QFETCH(QByteArray, ranAfterwards);
+        createHandler("KEY_LEFTCTRL:KEY_F1:echo old >> " + out + "\n");
+        const QString node = addKeyboard(1);
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+
+        const QString name = dir->filePath("keys.conf");
+        if (deleted) {
+            QVERIFY(QFile::remove(name));
+        } else {
+            QVERIFY(writeFile(name, QString(newFile).replace("OUT", out).toLatin1()));
+        }
+        LogCapture capture;
+        handler->reloadConfigFile(name);
+        if (deleted) {
+            QCOMPARE(capture.messages(),
+                     (QStringList{"Could not open config file " + name,
+                                  "Keeping the running configuration of 1 key sequence(s)."}));
+            QCOMPARE(capture.entries().at(0).level, Logger::LEVEL_ERROR);
+            QCOMPARE(capture.entries().at(1).level, Logger::LEVEL_WARNING);
+            QCOMPARE(capture.entries().at(1).function, QString("reloadConfigFile"));
+        } else {
+            QCOMPARE(capture.messages(),
+                     (QStringList{"Parsing config file " + name,
+                                  QString("Parsed %1 key sequence(s).").arg(sequences)}));
+            QCOMPARE(capture.entries().at(1).function, QString("parseConfigFile"));
+        }
+
+        // The device stayed as it was: the keys still held are released.
+        QVERIFY(handler->getEventDevice(node));
+        type(node, KEY_F1, false);
+        type(node, KEY_LEFTCTRL, false);
+        QCOMPARE(output(), ranOnRelease);
+
+        // From now on the running configuration is what counts.
+        QFile::remove(out);
+        type(node, KEY_LEFTCTRL, true);
+        type(node, KEY_F1, true);
+        type(node, KEY_F1, false);
+        type(node, KEY_F2, true);
+        type(node, KEY_F2, false);
+        type(node, KEY_LEFTCTRL, false);
+        QCOMPARE(output(), ranAfterwards);
+    }
+
+    void reloadKeepsOneWaitingCommandPerLineAndDevice()
+    {
+        // Two keyboards each wait for their release; the line stays.
+        createHandler("KEY_LEFTCTRL:KEY_F1:echo \"$STATION_ID\" >> " + out + "\n");
+        const QString first = addKeyboard(1);
+        const QString second = addKeyboard(2);
+        for (const QString& node : {first, second}) {
+            type(node, KEY_LEFTCTRL, true);
+            type(node, KEY_F1, true);
+        }
+        handler->reloadConfigFile(dir->filePath("keys.conf"));
+        handler->reloadConfigFile(dir->filePath("keys.conf"));
+        for (const QString& node : {second, first}) {
+            type(node, KEY_F1, false);
+            type(node, KEY_LEFTCTRL, false);
+        }
+        QCOMPARE(output(), QByteArray("2\n1\n"));
+    }
+
     void addingTheSameDeviceTwiceOnlyChangesItsStation()
     {
         createHandler("KEY_LEFTCTRL:KEY_F1:echo \"$STATION_ID\" >> " + out + "\n");
