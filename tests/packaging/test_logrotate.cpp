@@ -4,10 +4,13 @@
 
 #include <QDBusConnection>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTimer>
 #include <QtTest>
+
+#include <csignal>
 
 namespace {
 
@@ -58,13 +61,13 @@ QByteArray describe(const QList<int>& numbers)
 } // namespace
 
 // The shipped logrotate file, pointed at a daemon's log in a temporary
-// directory, rotates the log while the daemon writes to it.
+// directory and at its pid file, rotates the log while the daemon writes to it.
 class LogrotateTest : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void rotatingWhileTheDaemonWritesLosesOnlyTheCopytruncateWindow()
+    void rotatingWhileTheDaemonWritesLosesNoLine()
     {
         DaemonRunner runner;
         QVERIFY(runner.isBusRunning());
@@ -75,20 +78,14 @@ private Q_SLOTS:
                                DaemonRunner::logMessage(QStringLiteral("Connection established")));
         QVERIFY(daemon > 0);
         const QString log = runner.defaultLogFile();
-
-        // The shipped file, with the daemon's log where this daemon writes it.
-        QByteArray rotation = readFile(QStringLiteral(SELVANE_LOGROTATE_FILE));
-        QVERIFY(rotation.contains("copytruncate"));
-        QCOMPARE(rotation.count(SELVANE_LOG), 1);
-        rotation.replace(SELVANE_LOG, QFile::encodeName(log));
-        const QString rotationFile = runner.path(QStringLiteral("logrotate.conf"));
-        QVERIFY(writeFile(rotationFile, rotation));
+        QVERIFY(
+            QFile::setPermissions(log, QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup));
+        const QString rotationFile = writeRotation(runner, runner.pidFile());
 
         QDBusConnection bus =
             QDBusConnection::connectToBus(runner.busAddress(), QStringLiteral("logrotate-test"));
         QVERIFY(bus.isConnected());
-        // Ten numbered calls every 5 ms: the daemon writes them in bursts at
-        // each 100 ms tick, before, during and after the rotation.
+        // Ten numbered calls every 5 ms, before, during and after the rotation.
         int sent = 0;
         QTimer writer;
         QObject::connect(&writer, &QTimer::timeout, [&] {
@@ -101,17 +98,9 @@ private Q_SLOTS:
         writer.start(5);
         QVERIFY(DaemonRunner::waitUntil([&] { return lineNumbers(log).size() >= 100; }));
 
-        QProcess logrotate;
-        logrotate.start(QStringLiteral("logrotate"),
-                        {QStringLiteral("--force"), QStringLiteral("--state"),
-                         runner.path(QStringLiteral("logrotate.state")), rotationFile});
-        QVERIFY(logrotate.waitForStarted());
-        QVERIFY(DaemonRunner::waitUntil([&] { return logrotate.state() == QProcess::NotRunning; }));
-        QVERIFY2(logrotate.exitStatus() == QProcess::NormalExit && logrotate.exitCode() == 0,
-                 logrotate.readAllStandardError().constData());
+        runLogrotate(runner, rotationFile);
         const int sentDuringRotation = sent;
-
-        // Lines keep arriving in the truncated file after the rotation.
+        // Lines keep arriving in the new file after the rotation.
         QVERIFY(DaemonRunner::waitUntil([&] { return sent >= sentDuringRotation + 100; }));
         writer.stop();
         const int last = sent;
@@ -121,30 +110,76 @@ private Q_SLOTS:
         }));
         QCOMPARE(DaemonRunner::stopDaemon(daemon), 0);
 
-        // The copy holds every line from the first one on, in order.
+        // The renamed file holds every line up to the reopening, the new one
+        // every line after it: together all of them, each once, in order.
         const QString rotated = log + QStringLiteral(".1");
         QVERIFY(QFile::exists(rotated));
         const QList<int> before = lineNumbers(rotated);
+        const QList<int> after = lineNumbers(log);
         QVERIFY2(!before.isEmpty() && isRun(before, 1, before.last()), describe(before));
+        QVERIFY2(!after.isEmpty() && isRun(after, before.last() + 1, last), describe(after));
+        qInfo("%d line(s) before the reopening, %d after it", int(before.size()),
+              int(after.size()));
 
-        // The daemon appends: it goes on at the start of the truncated file,
-        // with whole lines and no hole of zero bytes where the old end was.
-        const QByteArray after = readFile(log);
-        QVERIFY(!after.contains('\0'));
-        for (const QString& line : DaemonRunner::readLines(log)) {
+        // logrotate created the new file with the old one's mode, and the
+        // daemon appended whole lines to it, from its reopening on.
+        QCOMPARE(QFileInfo(log).permissions(), QFileInfo(rotated).permissions());
+        const QStringList lines = DaemonRunner::readLines(log);
+        QVERIFY(lines.first().endsWith(QStringLiteral("] Logfile reopened: ") +
+                                       QString::fromLatin1(SELVANE_LOG)));
+        for (const QString& line : lines) {
             QVERIFY2(anyLogLine.match(line).hasMatch(), qPrintable(line));
         }
-        const QList<int> afterNumbers = lineNumbers(log);
-        QVERIFY2(!afterNumbers.isEmpty() && isRun(afterNumbers, afterNumbers.first(), last),
-                 describe(afterNumbers));
+        QVERIFY(DaemonRunner::readLines(rotated).join('\n').contains(
+            QStringLiteral("Received signal to reload")));
+    }
 
-        // Lost are at most the lines written between logrotate's copy and its
-        // truncation, which both happened while it ran: every call sent after
-        // it ended is in the new file.
-        QVERIFY2(afterNumbers.first() > before.last(), describe(afterNumbers));
-        QVERIFY2(afterNumbers.first() <= sentDuringRotation + 1, describe(afterNumbers));
-        qInfo("rotated after line %d; %d line(s) lost in the copytruncate window", before.last(),
-              afterNumbers.first() - before.last() - 1);
+    void stalePidFileHangsUpNothing()
+    {
+        // The pid file names a process that is not the daemon, with the
+        // default action for SIGHUP: it must live on.
+        DaemonRunner runner;
+        const pid_t unrelated = DaemonRunner::startIdleProcess();
+        QVERIFY(unrelated > 0);
+        QVERIFY(writeFile(runner.pidFile(), QByteArray::number(unrelated)));
+        QVERIFY(writeFile(runner.defaultLogFile(), "a line to rotate\n"));
+        runLogrotate(runner, writeRotation(runner, runner.pidFile()));
+        QVERIFY(QFile::exists(runner.defaultLogFile() + QStringLiteral(".1")));
+        QCOMPARE(DaemonRunner::waitForExit(unrelated, 300), -1);
+        kill(unrelated, SIGKILL);
+        QCOMPARE(DaemonRunner::waitForExit(unrelated), 128 + SIGKILL);
+    }
+
+private:
+    // The shipped file, with the daemon's log and pid file where this test's
+    // daemon has them; the program file is the built daemon.
+    static QString writeRotation(const DaemonRunner& runner, const QString& pidFile)
+    {
+        QByteArray rotation = readFile(QStringLiteral(SELVANE_LOGROTATE_FILE));
+        if (!rotation.contains("\tcreate\n") || rotation.contains("copytruncate") ||
+            rotation.count(SELVANE_LOG) != 1 || rotation.count(SELVANE_PID_FILE) != 1 ||
+            rotation.count("\"" SELVANE_BINARY "\"") != 1) {
+            qWarning("unexpected logrotate file:\n%s", rotation.constData());
+            return QString();
+        }
+        rotation.replace(SELVANE_LOG, QFile::encodeName(runner.defaultLogFile()));
+        rotation.replace(SELVANE_PID_FILE, QFile::encodeName(pidFile));
+        rotation.replace(SELVANE_BINARY, QFile::encodeName(DaemonRunner::builtExecutable()));
+        const QString rotationFile = runner.path(QStringLiteral("logrotate.conf"));
+        return writeFile(rotationFile, rotation) ? rotationFile : QString();
+    }
+
+    static void runLogrotate(const DaemonRunner& runner, const QString& rotationFile)
+    {
+        QVERIFY(!rotationFile.isEmpty());
+        QProcess logrotate;
+        logrotate.start(QStringLiteral("logrotate"),
+                        {QStringLiteral("--force"), QStringLiteral("--state"),
+                         runner.path(QStringLiteral("logrotate.state")), rotationFile});
+        QVERIFY(logrotate.waitForStarted());
+        QVERIFY(DaemonRunner::waitUntil([&] { return logrotate.state() == QProcess::NotRunning; }));
+        QVERIFY2(logrotate.exitStatus() == QProcess::NormalExit && logrotate.exitCode() == 0,
+                 logrotate.readAllStandardError().constData());
     }
 };
 
