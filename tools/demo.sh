@@ -61,8 +61,12 @@ install_packages() {
     DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}"
 }
 
+# A build tree that exists already (SELVANE_DEMO_BUILD_DIR=build after
+# tools/run-tests.sh, as CI does) keeps its build type.
 build_programs() {
-    cmake -S "$repo" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+    local build_type=()
+    [ -f "$build/CMakeCache.txt" ] || build_type=(-DCMAKE_BUILD_TYPE=Release)
+    cmake -S "$repo" -B "$build" -G Ninja "${build_type[@]}" >/dev/null
     cmake --build "$build" --target orvanta-selvane platform-simulator emulated-input \
         station-screenshot selvane_data
 }
