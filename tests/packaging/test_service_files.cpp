@@ -14,6 +14,7 @@
 namespace {
 
 const QString unitFile = QStringLiteral(SELVANE_UNIT_FILE);
+const QString sysusersFile = QStringLiteral(SELVANE_SYSUSERS_FILE);
 const QString tmpfilesFile = QStringLiteral(SELVANE_TMPFILES_FILE);
 const QString manPage = QStringLiteral(SELVANE_MAN_PAGE);
 
@@ -27,6 +28,19 @@ QString unitSetting(const QString& key)
         }
     }
     return QString();
+}
+
+// The fields of the line of an /etc/passwd or /etc/group file that names the
+// account or group, or an empty list.
+QStringList databaseEntry(const QString& file, const QString& name)
+{
+    const QStringList lines = QString::fromUtf8(readFile(file)).split(QLatin1Char('\n'));
+    for (const QString& line : lines) {
+        if (line.startsWith(name + QLatin1Char(':'))) {
+            return line.split(QLatin1Char(':'));
+        }
+    }
+    return {};
 }
 
 // The manual page as a reader sees it: mandoc's plain text, without the
@@ -72,6 +86,9 @@ private Q_SLOTS:
         QCOMPARE(unitSetting(QStringLiteral("User")), QStringLiteral(SELVANE_USER));
         QCOMPARE(unitSetting(QStringLiteral("SupplementaryGroups")), QStringLiteral("input"));
         QCOMPARE(unitSetting(QStringLiteral("Restart")), QStringLiteral("on-failure"));
+        // A reload is the daemon's SIGHUP.
+        QCOMPARE(unitSetting(QStringLiteral("ExecReload")),
+                 QStringLiteral("/bin/kill -HUP $MAINPID"));
         // Stopping is systemd's SIGTERM, the signal the daemon quits on.
         QVERIFY(unitSetting(QStringLiteral("ExecStop")).isNull());
         QVERIFY(unitSetting(QStringLiteral("KillSignal")).isNull());
@@ -122,6 +139,32 @@ private Q_SLOTS:
         const QStringList printed = QString::fromUtf8(shell.standardOutput).split('\n');
         QCOMPARE(printed, QStringList({expectedAddress, QStringLiteral("--config"),
                                        QStringLiteral(SELVANE_KEY_CONFIG), QString()}));
+    }
+
+    void sysusersCreatesTheSystemAccountWithoutShellOrHome()
+    {
+        // systemd-sysusers --root writes the root's own /etc/passwd and
+        // /etc/group.
+        QTemporaryDir root;
+        QVERIFY(QDir(root.path()).mkpath(QStringLiteral("etc")));
+        const ToolRun sysusers =
+            ToolRun::run(QStringLiteral("systemd-sysusers"),
+                         {QStringLiteral("--root=") + root.path(), sysusersFile});
+        QVERIFY2(sysusers.status == 0, sysusers.describe());
+
+        // name:password:uid:gid:GECOS:home:shell, with a uid below Debian's
+        // first user uid, 1000, and a group of its own.
+        const QString user = QStringLiteral(SELVANE_USER);
+        const QStringList account =
+            databaseEntry(root.filePath(QStringLiteral("etc/passwd")), user);
+        QCOMPARE(account.size(), 7);
+        const int uid = account.at(2).toInt();
+        QVERIFY2(uid > 0 && uid < 1000, qPrintable(account.join(':')));
+        QCOMPARE(account.at(5), QStringLiteral("/nonexistent"));
+        QCOMPARE(account.at(6), QStringLiteral("/usr/sbin/nologin"));
+        const QStringList group = databaseEntry(root.filePath(QStringLiteral("etc/group")), user);
+        QCOMPARE(group.size(), 4);
+        QCOMPARE(group.at(2), account.at(3));
     }
 
     void tmpfilesCreatesThePidDirectoryAndTheLogForTheAccount()
@@ -194,6 +237,7 @@ private Q_SLOTS:
 };
 
 SELVANE_TOOLS_TEST_MAIN(ServiceFilesTest, QStringLiteral("systemd-analyze"),
-                        QStringLiteral("systemd-tmpfiles"), QStringLiteral("mandoc"))
+                        QStringLiteral("systemd-sysusers"), QStringLiteral("systemd-tmpfiles"),
+                        QStringLiteral("mandoc"))
 
 #include "test_service_files.moc"
