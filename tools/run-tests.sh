@@ -27,7 +27,7 @@ packages=(
 )
 
 # The CTest labels (tests/CMakeLists.txt); each must run at least one test.
-tiers=(unit umockdev dbus blackbox x11 vm package)
+tiers=(unit umockdev dbus blackbox x11 vm package soak)
 
 install_missing_packages() {
     local missing=()

@@ -152,8 +152,9 @@ void DisplayConfiguration::configureKeyboard()
         assignmentKey.clear();
     }
     // Stations 0-11 get F1-F12, 12-37 the letters, 38-47 the digits. A negative
-    // station still goes through the first branch ("KEY_F0" for -1).
-    const int keyNumber = stationId + 1;
+    // station still goes through the first branch ("KEY_F0" for -1). Counted in
+    // 64 bits, so that the largest station number does not overflow.
+    const qint64 keyNumber = qint64(stationId) + 1;
     if (keyNumber <= 12) {
         assignmentKey = QStringLiteral("KEY_F%1").arg(keyNumber);
     } else if (keyNumber <= 38) {

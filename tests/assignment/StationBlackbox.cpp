@@ -86,15 +86,26 @@ StationBlackbox::~StationBlackbox()
 
 QString StationBlackbox::addKeyboard(const QVector<int>& ledsOn)
 {
+    return addDevice(
+        DeviceDescription::keyboard(QStringLiteral("Station keyboard %1").arg(startLeds.size())),
+        ledsOn);
+}
+
+QString StationBlackbox::addDevice(const DeviceDescription& description, const QVector<int>& ledsOn)
+{
     UmockdevDeviceState state;
     state.ledsOn = ledsOn;
-    const QString node = devices.addDevice(
-        DeviceDescription::keyboard(QStringLiteral("Station keyboard %1").arg(startLeds.size())),
-        state);
+    const QString node = devices.addDevice(description, state);
     if (!node.isEmpty()) {
         startLeds.insert(node, ledsOn);
     }
     return node;
+}
+
+void StationBlackbox::removeDevice(const QString& node)
+{
+    devices.removeDevice(node);
+    startLeds.remove(node);
 }
 
 bool StationBlackbox::startPlatform(const QStringList& options)
@@ -109,8 +120,10 @@ bool StationBlackbox::startPlatform(const QStringList& options)
 bool StationBlackbox::startDaemon(const QString& shareDir)
 {
     if (!runner.isBusRunning() || !bus.isConnected() ||
-        !writeFile(keysFile, "KEY_LEFTCTRL:KEY_F1:echo $EPOCHREALTIME >> " +
-                                 QFile::encodeName(stampsFile) + "\n")) {
+        !writeFile(keysFile, keyConfiguration.isEmpty()
+                                 ? "KEY_LEFTCTRL:KEY_F1:echo $EPOCHREALTIME >> " +
+                                       QFile::encodeName(stampsFile) + "\n"
+                                 : keyConfiguration)) {
         return false;
     }
     runner.setShareDir(shareDir);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DaemonRunner.h"
+#include "DeviceDescription.h"
 #include "PlatformSimulatorProcess.h"
 #include "UmockdevTestbed.h"
 #include "XvfbServer.h"
@@ -45,6 +46,11 @@ public:
 
     // An emulated keyboard whose lock LEDs start as `ledsOn`; returns its node.
     QString addKeyboard(const QVector<int>& ledsOn = {});
+    // Any emulated device, with its lock LEDs as `ledsOn`; returns its node.
+    QString addDevice(const DeviceDescription& description, const QVector<int>& ledsOn = {});
+    // Removes the device's node: it can no longer be opened, and its LED
+    // records are no longer read.
+    void removeDevice(const QString& node);
     UmockdevTestbed& getDevices() { return devices; }
     // The LEDs each keyboard started with.
     QVector<int> initialLeds(const QString& keyboard) const { return startLeds.value(keyboard); }
@@ -54,6 +60,11 @@ public:
     // starts empty.
     bool startPlatform(const QStringList& options);
     PlatformSimulatorProcess& getPlatform() { return *simulator; }
+
+    // The key configuration file the daemon is started with; without it, the
+    // one Ctrl+F1 combination that stamps the time (see above).
+    void setKeyConfiguration(const QByteArray& lines) { keyConfiguration = lines; }
+    QString keyConfigurationFile() const { return keysFile; }
 
     // Starts the daemon with the keyboards visible to it and `shareDir` as
     // its data directory; waits until it is on the bus.
@@ -123,6 +134,7 @@ private:
     QDBusConnection bus{QString()};
     QString keysFile;
     QString stampsFile;
+    QByteArray keyConfiguration;
     pid_t daemon = 0;
     qint64 lastReleaseNs = 0;
 };

@@ -11,6 +11,8 @@
 #include <QSignalSpy>
 #include <QtTest>
 
+#include <limits>
+
 namespace {
 
 constexpr int displayId = 7;
@@ -90,6 +92,11 @@ private Q_SLOTS:
         }
         QTest::newRow("station 48 gets none") << 48 << QString();
         QTest::newRow("station 200 gets none") << 200 << QString();
+        QTest::newRow("the largest station gets none")
+            << std::numeric_limits<int>::max() << QString();
+        QTest::newRow("the smallest station falls through to the function keys")
+            << std::numeric_limits<int>::min()
+            << QString("KEY_F%1").arg(qint64(std::numeric_limits<int>::min()) + 1);
     }
     void assignmentKeyOfEveryStation()
     {
@@ -108,7 +115,7 @@ private Q_SLOTS:
             }
         }
         if (station < 0) {
-            QCOMPARE(bugs, QStringList{"stationId is invalid: -1"});
+            QCOMPARE(bugs, QStringList{QString("stationId is invalid: %1").arg(station)});
         } else if (station >= 48) {
             QCOMPARE(bugs, QStringList{QString("There are no possible keys to use for "
                                                "assignment for station %1")
