@@ -205,7 +205,6 @@ bool benchCommand()
     constexpr std::size_t residentBytes = 9 << 20;
     // Touched, so that it is resident and a fork has to copy its page tables.
     std::vector<char> resident(residentBytes, 1);
-    static volatile char keptAlive;
     QTemporaryDir dir;
     AssignedDeviceHandler handler(QString{});
     keysHeldAtOpen.clear();
@@ -223,7 +222,8 @@ bool benchCommand()
         action.executeCommand(device);
     }
     const double wall = std::chrono::duration<double, std::micro>(Clock::now() - start).count();
-    keptAlive = resident.back();
+    // The pages must stay allocated and touched until the forks are done.
+    asm volatile("" : : "g"(resident.data()) : "memory");
     rusage after{};
     getrusage(RUSAGE_SELF, &after);
     const auto micros = [](const timeval& t) { return t.tv_sec * 1e6 + t.tv_usec; };

@@ -12,7 +12,6 @@
 #include <QDBusMessage>
 #include <QDBusPendingCall>
 #include <QDir>
-#include <QRegularExpression>
 #include <QtTest>
 
 #include <algorithm>
@@ -40,15 +39,6 @@ int openDescriptors(pid_t pid)
     return static_cast<int>(QDir(QStringLiteral("/proc/%1/fd").arg(pid))
                                 .entryList(QDir::NoDotAndDotDot | QDir::System)
                                 .size());
-}
-
-qint64 residentKiB(pid_t pid)
-{
-    const QString status =
-        QString::fromLatin1(readFile(QStringLiteral("/proc/%1/status").arg(pid)));
-    const QRegularExpressionMatch match =
-        QRegularExpression(QStringLiteral(R"(VmRSS:\s+(\d+) kB)")).match(status);
-    return match.hasMatch() ? match.captured(1).toLongLong() : -1;
 }
 
 QString lastLines(const QString& fileName)
@@ -117,7 +107,7 @@ private Q_SLOTS:
                                "There are 0 display configuration(s) active:"))
                            .size() == burst;
             }));
-            resident.append(residentKiB(daemon));
+            resident.append(DaemonRunner::residentKiB(daemon));
             descriptors.append(openDescriptors(daemon));
         }
         qInfo() << "resident memory after each flood (KiB):" << resident;

@@ -14,17 +14,13 @@ bool heldOnce(const SoakWorld& world, const SoakModel& model, int slot)
     return !node.isEmpty() && model.isUnassigned(node) != model.isAssigned(node);
 }
 
+// Every key a keyboard types at random: the assignment keys and the digits.
 QStringList keyboardKeys()
 {
-    QStringList keys;
-    for (int n = 1; n <= 12; ++n) {
-        keys.append(QStringLiteral("KEY_F%1").arg(n));
-    }
-    for (char c = 'A'; c <= 'Z'; ++c) {
-        keys.append(QStringLiteral("KEY_") + QLatin1Char(c));
-    }
-    for (char c = '0'; c <= '9'; ++c) {
-        keys.append(QStringLiteral("KEY_") + QLatin1Char(c));
+    QStringList keys = SoakModel::assignmentKeys();
+    keys.removeAll(QStringLiteral("BTN_LEFT"));
+    for (char digit = '0'; digit <= '9'; ++digit) {
+        keys.append(QStringLiteral("KEY_") + QLatin1Char(digit));
     }
     return keys;
 }

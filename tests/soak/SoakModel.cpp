@@ -2,26 +2,6 @@
 
 namespace {
 
-// The keys that can claim a device, in the order the daemon tries them.
-QStringList assignmentKeys()
-{
-    QStringList keys;
-    for (int n = 1; n <= 12; ++n) {
-        keys.append(QStringLiteral("KEY_F%1").arg(n));
-    }
-    for (char letter = 'A'; letter <= 'Z'; ++letter) {
-        keys.append(QStringLiteral("KEY_") + QLatin1Char(letter));
-    }
-    keys.append(QStringLiteral("BTN_LEFT"));
-    return keys;
-}
-
-const QStringList& knownAssignmentKeys()
-{
-    static const QStringList keys = assignmentKeys();
-    return keys;
-}
-
 // The key a station's keyboard is claimed with; empty past the digits.
 QString keyOfStation(int station)
 {
@@ -41,6 +21,22 @@ QString keyOfStation(int station)
 const QString leftButton = QStringLiteral("BTN_LEFT");
 
 } // namespace
+
+const QStringList& SoakModel::assignmentKeys()
+{
+    static const QStringList keys = [] {
+        QStringList names;
+        for (int n = 1; n <= 12; ++n) {
+            names.append(QStringLiteral("KEY_F%1").arg(n));
+        }
+        for (char letter = 'A'; letter <= 'Z'; ++letter) {
+            names.append(QStringLiteral("KEY_") + QLatin1Char(letter));
+        }
+        names.append(QStringLiteral("BTN_LEFT"));
+        return names;
+    }();
+    return keys;
+}
 
 QString SoakModel::stateName(State state)
 {
@@ -264,7 +260,7 @@ SoakModel::AssignedDevice* SoakModel::findAssigned(const QString& path)
 
 void SoakModel::bind(const QString& key, int displayId)
 {
-    if (!knownAssignmentKeys().contains(key)) {
+    if (!assignmentKeys().contains(key)) {
         // A digit or a key outside the table: nothing can claim that display.
         bugs.append(QStringLiteral("Could not find key sequence for ") + key);
         return;

@@ -30,6 +30,9 @@ public:
         MouseConfigured
     };
     static QString stateName(State state);
+    // The keys that can claim a device, in the order the daemon tries them:
+    // F1-F12, A-Z, then the left button.
+    static const QStringList& assignmentKeys();
 
     struct Display
     {

@@ -93,15 +93,6 @@ QStringList descriptorTargets(pid_t pid)
     return targets;
 }
 
-qint64 residentKiB(pid_t pid)
-{
-    const QString status =
-        QString::fromLatin1(readFile(QStringLiteral("/proc/%1/status").arg(pid)));
-    const QRegularExpressionMatch match =
-        QRegularExpression(QStringLiteral(R"(VmRSS:\s+(\d+) kB)")).match(status);
-    return match.hasMatch() ? match.captured(1).toLongLong() : -1;
-}
-
 } // namespace
 
 QStringList LogTail::newLines()
@@ -591,7 +582,7 @@ QString SoakRun::compareResources(int stepsDone)
     if (stepsDone < baseStep || !model.displays().isEmpty()) {
         return QString();
     }
-    const qint64 resident = residentKiB(daemon);
+    const qint64 resident = DaemonRunner::residentKiB(daemon);
     if (baseResidentKiB < 0) {
         baseResidentKiB = resident;
     } else if (resident > baseResidentKiB + 10 * 1024) {

@@ -7,6 +7,7 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTest>
 
@@ -274,6 +275,15 @@ bool DaemonRunner::hasPendingSigterm(pid_t pid)
 bool DaemonRunner::becomeSubreaper()
 {
     return prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
+}
+
+qint64 DaemonRunner::residentKiB(pid_t pid)
+{
+    const QString status =
+        QString::fromLatin1(readFile(QStringLiteral("/proc/%1/status").arg(pid)));
+    const QRegularExpressionMatch match =
+        QRegularExpression(QStringLiteral(R"(VmRSS:\s+(\d+) kB)")).match(status);
+    return match.hasMatch() ? match.captured(1).toLongLong() : -1;
 }
 
 int DaemonRunner::waitForExit(pid_t pid, int timeoutMs)

@@ -109,6 +109,8 @@ public:
     // Waits for a child of this process to end and reaps it. Returns the exit
     // status, 128 + signal when it was killed, -1 on time-out.
     static int waitForExit(pid_t pid, int timeoutMs = defaultTimeoutMs);
+    // The process's resident memory in KiB (VmRSS), -1 when unknown.
+    static qint64 residentKiB(pid_t pid);
     // Re-checks the condition, processing events in between, until it holds
     // or the time is up.
     static bool waitUntil(const std::function<bool()>& condition, int timeoutMs = defaultTimeoutMs);

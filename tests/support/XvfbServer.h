@@ -8,13 +8,16 @@
 // display number that was free, ready to accept connections when start()
 // returns true. The server tells on its -displayfd pipe when it is ready, so
 // nothing waits a fixed time. It can be killed and started again on the same
-// number, for tests of a server that goes away and comes back. The destructor
-// kills it.
+// number, for tests of a server that goes away and comes back: while it is
+// down, its lock file names this process, so that no other server (of this
+// test or another one running beside it) takes the number. The destructor
+// kills it and gives the number back.
 class XvfbServer
 {
 public:
     // screen: "WIDTHxHEIGHTxDEPTH", e.g. "1024x768x24".
     explicit XvfbServer(QString screen = QStringLiteral("1024x768x24"));
+    ~XvfbServer();
 
     XvfbServer(const XvfbServer&) = delete;
     XvfbServer& operator=(const XvfbServer&) = delete;
@@ -43,6 +46,12 @@ public:
     QString getDisplayName() const { return QStringLiteral(":%1").arg(displayNumber); }
 
 private:
+    QString lockFile() const { return QStringLiteral("/tmp/.X%1-lock").arg(displayNumber); }
+    // The lock file as an X server writes it, with this process's pid.
+    void holdNumber();
+    // Removes the lock file if this process holds it.
+    void releaseNumber();
+
     QString screen;
     XServerProcess process;
     int displayNumber = -1;
