@@ -322,17 +322,6 @@ void StoppableStation::kill()
     stopped = false;
 }
 
-int StoppableStation::unusedDisplayNumber()
-{
-    for (int number = 600; number < 700; ++number) {
-        if (!QFile::exists(QStringLiteral("/tmp/.X11-unix/X%1").arg(number)) &&
-            !QFile::exists(QStringLiteral("/tmp/.X%1-lock").arg(number))) {
-            return number;
-        }
-    }
-    return -1;
-}
-
 bool StoppableStation::stop()
 {
     const pid_t pid = server.getPid();

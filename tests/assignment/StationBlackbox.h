@@ -155,9 +155,8 @@ public:
 
     bool start() { return server.start(); }
     bool startOn(int number) { return server.startOn(number); }
-    // A display number that no server uses, far above those that servers
-    // choosing their own number take first; -1 when there is none.
-    static int unusedDisplayNumber();
+    // Why the last start failed, as the server said it.
+    QString startError() const { return server.startError(); }
     // SIGKILL, stopped or not; start() brings it back on the same display number.
     void kill();
     // SIGSTOP, and waits until the kernel reports the process stopped.

@@ -51,6 +51,8 @@ private Q_SLOTS:
     {
         bed = std::make_unique<OverlayTestBed>();
         QVERIFY(bed->isReady());
+        noServer = XvfbServer::unusedDisplayNumber();
+        QVERIFY(noServer >= 0);
     }
     void cleanupTestCase() { bed.reset(); }
 
@@ -222,35 +224,35 @@ private Q_SLOTS:
 
     void configureKeyboardBindsTheStationsKey()
     {
-        handler->configureKeyboard(5, 2);
+        handler->configureKeyboard(noServer, 2);
         QCOMPARE(handler->getDisplayConfigurations().size(), 1);
         const DisplayConfiguration* display = handler->getDisplayConfigurations().first();
         QCOMPARE(display->getState(), DisplayConfiguration::STATE_CONFIGURING_KEYBOARD);
         QCOMPARE(display->getAssignmentKey(), QString("KEY_F3"));
         QCOMPARE(boundDisplay(*handler, "KEY_F3"), display);
         // The display is opened at once, not only at the first update.
-        QVERIFY(DaemonRunner::waitUntil(
-            [&] { return bed->getLog().contains("Could not get connection to display :5"); }));
+        QVERIFY(DaemonRunner::waitUntil([&] { return bed->getLog().contains(noConnection()); }));
     }
 
     void configureKeyboardReusesTheDisplaysConfiguration()
     {
-        handler->configureKeyboard(5, 2);
+        handler->configureKeyboard(noServer, 2);
         const DisplayConfiguration* display = handler->getDisplayConfigurations().first();
         bed->getLog().clear();
-        handler->configureKeyboard(5, 9);
+        handler->configureKeyboard(noServer, 9);
         QCOMPARE(handler->getDisplayConfigurations().size(), 1);
         QCOMPARE(handler->getDisplayConfigurations().first(), display);
         QCOMPARE(display->getStationId(), 2);
         QCOMPARE(display->getState(), DisplayConfiguration::STATE_CONFIGURING_KEYBOARD);
         QCOMPARE(display->getAssignmentKey(), QString("KEY_F3"));
-        QVERIFY(
-            !bed->getLog().contains("Creating display configuration on display :5 on station 9."));
+        QVERIFY(!bed->getLog().contains(
+            QStringLiteral("Creating display configuration on display :%1 on station 9.")
+                .arg(noServer)));
     }
 
     void aKeyTakenByAnotherDisplayMovesToIt()
     {
-        handler->configureKeyboard(5, 2);
+        handler->configureKeyboard(noServer, 2);
         handler->configureKeyboard(6, 2);
         QCOMPARE(handler->getDisplayConfigurations().size(), 2);
         QCOMPARE(boundDisplay(*handler, "KEY_F3"), handler->getDisplayConfigurations().at(1));
@@ -258,7 +260,7 @@ private Q_SLOTS:
 
     void digitKeysHaveNoSequence()
     {
-        handler->configureKeyboard(5, 38);
+        handler->configureKeyboard(noServer, 38);
         const DisplayConfiguration* display = handler->getDisplayConfigurations().first();
         QCOMPARE(display->getAssignmentKey(), QString("KEY_0"));
         const LogCapture::Entry* entry =
@@ -273,7 +275,7 @@ private Q_SLOTS:
 
     void stationWithoutKeyBindsNothingSilently()
     {
-        handler->configureKeyboard(5, 48);
+        handler->configureKeyboard(noServer, 48);
         QCOMPARE(handler->getDisplayConfigurations().first()->getAssignmentKey(), QString());
         QVERIFY(!bed->getLog().contains("Could not find key sequence for "));
         for (const KeySequence* sequence : handler->getAssignmentKeySequences()) {
@@ -285,13 +287,15 @@ private Q_SLOTS:
     {
         const QString keyboard = testbed->addDevice(DeviceDescription::keyboard());
         QVERIFY(handler->addUnassignedDevice(keyboard));
-        handler->configureKeyboard(5, 2);
+        handler->configureKeyboard(noServer, 2);
         settle();
         const int before = bed->callCount();
 
         type(keyboard, KEY_F3);
-        QVERIFY(bed->getSimulator().waitForCall(assignedAuto(keyboard, 5, "KeyboardDevice")));
-        QCOMPARE(bed->callsSince(before), QStringList{assignedAuto(keyboard, 5, "KeyboardDevice")});
+        QVERIFY(
+            bed->getSimulator().waitForCall(assignedAuto(keyboard, noServer, "KeyboardDevice")));
+        QCOMPARE(bed->callsSince(before),
+                 QStringList{assignedAuto(keyboard, noServer, "KeyboardDevice")});
         QCOMPARE(handler->getDisplayConfigurations().first()->getState(),
                  DisplayConfiguration::STATE_KEYBOARD_CONFIGURED);
         QVERIFY(!boundDisplay(*handler, "KEY_F3"));
@@ -308,8 +312,8 @@ private Q_SLOTS:
     {
         const QString keyboard = testbed->addDevice(DeviceDescription::keyboard());
         QVERIFY(handler->addUnassignedDevice(keyboard));
-        handler->configureKeyboard(5, 2); // F3
-        handler->configureKeyboard(6, 3); // F4
+        handler->configureKeyboard(noServer, 2); // F3
+        handler->configureKeyboard(6, 3);        // F4
         settle();
         const int before = bed->callCount();
 
@@ -320,7 +324,8 @@ private Q_SLOTS:
         QVERIFY(testbed->pressKey(keyboard, KEY_F4));
         QVERIFY(testbed->waitForPendingInput(keyboard));
         handler->update();
-        QVERIFY(bed->getSimulator().waitForCall(assignedAuto(keyboard, 5, "KeyboardDevice")));
+        QVERIFY(
+            bed->getSimulator().waitForCall(assignedAuto(keyboard, noServer, "KeyboardDevice")));
         QCOMPARE(handler->getDisplayConfigurations().at(1)->getState(),
                  DisplayConfiguration::STATE_CONFIGURING_KEYBOARD);
         QCOMPARE(boundDisplay(*handler, "KEY_F4"), handler->getDisplayConfigurations().at(1));
@@ -330,22 +335,22 @@ private Q_SLOTS:
         // A call for display 6 would have been sent before this marker.
         QVERIFY(bed->getSimulator().waitForCall(marker()));
         QCOMPARE(bed->callsSince(before),
-                 (QStringList{assignedAuto(keyboard, 5, "KeyboardDevice"), markerCall()}));
+                 (QStringList{assignedAuto(keyboard, noServer, "KeyboardDevice"), markerCall()}));
     }
 
     void aKeyNoDisplayWaitsForDoesNothing()
     {
         const QString keyboard = testbed->addDevice(DeviceDescription::keyboard());
         QVERIFY(handler->addUnassignedDevice(keyboard));
-        handler->configureKeyboard(5, 2); // F3
+        handler->configureKeyboard(noServer, 2); // F3
         settle();
         const int before = bed->callCount();
         bed->getLog().clear();
         type(keyboard, KEY_Q);
         type(keyboard, KEY_F4);
-        // Display 5 has no server: its failed connect each update is all.
+        // That display has no server: its failed connect each update is all.
         for (const QString& message : bed->getLog().messages()) {
-            QCOMPARE(message, QString("Could not get connection to display :5"));
+            QCOMPARE(message, noConnection());
         }
         QVERIFY(bed->getSimulator().waitForCall(marker()));
         QCOMPARE(bed->callsSince(before), QStringList{markerCall()});
@@ -358,7 +363,7 @@ private Q_SLOTS:
         const QString secondMouse = testbed->addDevice(DeviceDescription::mouse());
         QVERIFY(handler->addUnassignedDevice(mouse));
         QVERIFY(handler->addUnassignedDevice(secondMouse));
-        handler->configureMouse(5, 1);
+        handler->configureMouse(noServer, 1);
         handler->configureMouse(6, 2);
         const DisplayConfiguration* first = handler->getDisplayConfigurations().at(0);
         const DisplayConfiguration* second = handler->getDisplayConfigurations().at(1);
@@ -370,7 +375,7 @@ private Q_SLOTS:
         settle();
         const int before = bed->callCount();
         type(mouse, BTN_LEFT);
-        QVERIFY(bed->getSimulator().waitForCall(assignedAuto(mouse, 5, "MouseDevice")));
+        QVERIFY(bed->getSimulator().waitForCall(assignedAuto(mouse, noServer, "MouseDevice")));
         QCOMPARE(first->getState(), DisplayConfiguration::STATE_MOUSE_CONFIGURED);
         QCOMPARE(second->getState(), DisplayConfiguration::STATE_CONFIGURING_MOUSE);
         QCOMPARE(second->getAssignmentKey(), QString("BTN_LEFT"));
@@ -382,7 +387,7 @@ private Q_SLOTS:
         type(secondMouse, BTN_LEFT);
         QVERIFY(bed->getSimulator().waitForCall(assignedAuto(secondMouse, 6, "MouseDevice")));
         QCOMPARE(bed->callsSince(before),
-                 (QStringList{assignedAuto(mouse, 5, "MouseDevice"),
+                 (QStringList{assignedAuto(mouse, noServer, "MouseDevice"),
                               assignedAuto(secondMouse, 6, "MouseDevice")}));
         QVERIFY(!handler->isMouseBusy());
         QVERIFY(!boundDisplay(*handler, "BTN_LEFT"));
@@ -390,9 +395,9 @@ private Q_SLOTS:
 
     void completingTheDisplayThatOwnsTheMouseKeepsTheButtonBusy()
     {
-        handler->configureMouse(5, 1);
+        handler->configureMouse(noServer, 1);
         QVERIFY(handler->isMouseBusy());
-        handler->configurationComplete(5);
+        handler->configurationComplete(noServer);
         QVERIFY(handler->getDisplayConfigurations().isEmpty());
         QVERIFY(handler->isMouseBusy());
         // No action is left pointing at the deleted configuration.
@@ -409,14 +414,16 @@ private Q_SLOTS:
     {
         const QString keyboard = testbed->addDevice(DeviceDescription::keyboard());
         QVERIFY(handler->addUnassignedDevice(keyboard));
-        handler->configureKeyboard(5, 2); // F3
-        handler->configureKeyboard(6, 3); // F4
+        handler->configureKeyboard(noServer, 2); // F3
+        handler->configureKeyboard(6, 3);        // F4
         settle();
         bed->getLog().clear();
-        handler->configurationComplete(5);
+        handler->configurationComplete(noServer);
         handler->configurationComplete(99); // unknown: ignored silently
         QCOMPARE(bed->getLog().messages(),
-                 QStringList{"Removing display configuration on display :5 on station 2."});
+                 QStringList{
+                     QStringLiteral("Removing display configuration on display :%1 on station 2.")
+                         .arg(noServer)});
         QVERIFY(!boundDisplay(*handler, "KEY_F3"));
         QCOMPARE(boundDisplay(*handler, "KEY_F4"), handler->getDisplayConfigurations().first());
 
@@ -448,7 +455,7 @@ private Q_SLOTS:
 
     void keyboardAssignedWithoutKeyIsABug()
     {
-        handler->configureKeyboard(5, 48);
+        handler->configureKeyboard(noServer, 48);
         bed->getLog().clear();
         const QString keyboard = testbed->addDevice(DeviceDescription::keyboard());
         QVERIFY(handler->addUnassignedDevice(keyboard));
@@ -489,16 +496,18 @@ private Q_SLOTS:
         const QString mouse = testbed->addDevice(DeviceDescription::mouse());
         QVERIFY(handler->addUnassignedDevice(keyboard));
         QVERIFY(handler->addUnassignedDevice(mouse));
-        handler->configureKeyboard(5, 2);
+        handler->configureKeyboard(noServer, 2);
         handler->configureMouse(8, 14);
         bed->getLog().clear();
         handler->logStatus();
-        QCOMPARE(bed->getLog().messages(),
-                 (QStringList{"There are 2 unassigned device(s) being managed:",
-                              "Unassigned device: " + keyboard, "Unassigned device: " + mouse,
-                              "There are 2 display configuration(s) active:",
-                              "Display configuration running on display: 5  station: 2",
-                              "Display configuration running on display: 8  station: 14"}));
+        QCOMPARE(
+            bed->getLog().messages(),
+            (QStringList{
+                "There are 2 unassigned device(s) being managed:", "Unassigned device: " + keyboard,
+                "Unassigned device: " + mouse, "There are 2 display configuration(s) active:",
+                QStringLiteral("Display configuration running on display: %1  station: 2")
+                    .arg(noServer),
+                "Display configuration running on display: 8  station: 14"}));
         for (const LogCapture::Entry& entry : bed->getLog().entries()) {
             QCOMPARE(entry.level, Logger::LEVEL_INFO);
             QCOMPARE(entry.file, QString("AssignmentHandler"));
@@ -512,7 +521,7 @@ private Q_SLOTS:
         state.ledsOn = {LED_NUML};
         const QString keyboard = testbed->addDevice(DeviceDescription::keyboard(), state);
         QVERIFY(handler->addUnassignedDevice(keyboard));
-        handler->configureKeyboard(5, 2);
+        handler->configureKeyboard(noServer, 2);
         handler.reset();
         // The restore writes every LED, Num Lock on and the rest off, while
         // the device is still open.
@@ -529,8 +538,9 @@ private Q_SLOTS:
         }
         QVERIFY(ledEvents >= LED_MAX);
         QVERIFY(numLockOn);
-        QVERIFY(
-            bed->getLog().contains("Removing display configuration on display :5 on station 2."));
+        QVERIFY(bed->getLog().contains(
+            QStringLiteral("Removing display configuration on display :%1 on station 2.")
+                .arg(noServer)));
     }
 
     void unassignedKeyboardsBlinkOneStepASecond()
@@ -578,8 +588,8 @@ private Q_SLOTS:
         state.ledsOn = {LED_CAPSL};
         const QString keyboard = testbed->addDevice(DeviceDescription::keyboard(), state);
         QVERIFY(handler->addUnassignedDevice(keyboard));
-        handler->configureKeyboard(5, 0); // F1
-        handler->update();                // a blink step
+        handler->configureKeyboard(noServer, 0); // F1
+        handler->update();                       // a blink step
         type(keyboard, KEY_F1);
         handler->update(); // drops the keyboard, which gets its LEDs back
         QCOMPARE(handler->getNumLedBlinkers(), 0);
@@ -652,6 +662,14 @@ private:
         return QStringLiteral("com.orvanta.DB.StationGetTag \"marker\"");
     }
 
+    // What the handler logs each time it cannot reach that display.
+    QString noConnection() const
+    {
+        return QStringLiteral("Could not get connection to display :%1").arg(noServer);
+    }
+
+    // A display on which no server runs.
+    int noServer = -1;
     std::unique_ptr<OverlayTestBed> bed;
     std::unique_ptr<UmockdevTestbed> testbed;
     std::unique_ptr<AssignmentHandler> handler;

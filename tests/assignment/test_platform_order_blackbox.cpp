@@ -194,7 +194,7 @@ private Q_SLOTS:
     void noValueIsAskedBeforeTheServerAcceptsTheConnection()
     {
         StoppableStation late;
-        const int display = StoppableStation::unusedDisplayNumber();
+        const int display = XvfbServer::unusedDisplayNumber();
         QVERIFY(display > 0);
         QVERIFY(blackbox->startPlatform(
             answeringPlatform({QStringLiteral("--delay"), QStringLiteral("com.orvanta.DB=1")})));

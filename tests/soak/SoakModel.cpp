@@ -292,6 +292,17 @@ void SoakModel::assignmentKeyPressed(Display& display, const QString& path)
 
 void SoakModel::keyboardAssigned(const Display& display, const QString& path)
 {
+    // A display without a key, or with one outside the table, can still be
+    // claimed through a key that an earlier step bound to it: the left button
+    // of a mouse step, still bound after the display went on to the keyboard.
+    // The handler then reports the key it cannot find.
+    if (display.key.isEmpty()) {
+        bugs.append(QStringLiteral("The assignment key is empty"));
+        return;
+    }
+    if (!assignmentKeys().contains(display.key)) {
+        bugs.append(QStringLiteral("Could not find key sequence for ") + display.key);
+    }
     bindings.remove(display.key);
     devicesToRemove.append(path);
 }

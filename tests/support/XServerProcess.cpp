@@ -1,5 +1,7 @@
 #include "XServerProcess.h"
 
+#include "TestFiles.h"
+
 #include <QByteArray>
 #include <QDeadlineTimer>
 
@@ -127,4 +129,15 @@ void XServerProcess::stop(int signal)
         usleep(10000);
     }
     pid = -1;
+}
+
+QString XServerProcess::fatalError(const QString& outputFile)
+{
+    // "(EE) \nFatal server error:\n(EE) <what went wrong>(EE) \n"
+    const QStringList lines = QString::fromLocal8Bit(readFile(outputFile)).split(QLatin1Char('\n'));
+    const int fatal = lines.lastIndexOf(QStringLiteral("Fatal server error:"));
+    if (fatal < 0 || fatal + 1 >= lines.size()) {
+        return QStringLiteral("no display number in time and no fatal error");
+    }
+    return QString(lines.at(fatal + 1)).remove(QLatin1String("(EE)")).trimmed();
 }

@@ -31,6 +31,9 @@ public:
     void stop(int signal);
 
     bool isRunning() const { return pid > 0; }
+    // What went wrong, from the "Fatal server error:" of a server's output
+    // file (the last one, as restarts append to it).
+    static QString fatalError(const QString& outputFile);
     // The server's process id, for a test that signals it (SIGSTOP,
     // SIGCONT); -1 when it is not running.
     pid_t getPid() const { return pid; }

@@ -91,8 +91,10 @@ bool XorgDummyServer::start()
     if (displayNumber < 0) {
         // Kept for whoever wants to read the whole log.
         dir.setAutoRemove(false);
-        return fail(QStringLiteral("Xorg did not start: %1 (log: %2)")
-                        .arg(fatalError(), dir.filePath(QStringLiteral("Xorg.log"))));
+        return fail(
+            QStringLiteral("Xorg did not start: %1 (log: %2)")
+                .arg(XServerProcess::fatalError(dir.filePath(QStringLiteral("Xorg.output"))),
+                     dir.filePath(QStringLiteral("Xorg.log"))));
     }
     return true;
 }
@@ -101,19 +103,6 @@ bool XorgDummyServer::fail(const QString& reason)
 {
     failure = reason;
     return false;
-}
-
-QString XorgDummyServer::fatalError() const
-{
-    // "(EE) \nFatal server error:\n(EE) <what went wrong>(EE) \n"
-    const QStringList lines =
-        QString::fromLocal8Bit(readFile(dir.filePath(QStringLiteral("Xorg.output"))))
-            .split(QLatin1Char('\n'));
-    const int fatal = lines.indexOf(QStringLiteral("Fatal server error:"));
-    if (fatal < 0 || fatal + 1 >= lines.size()) {
-        return QStringLiteral("no display number in time and no fatal error");
-    }
-    return QString(lines.at(fatal + 1)).remove(QLatin1String("(EE)")).trimmed();
 }
 
 bool XorgDummyServer::setScreenSize(QSize size, int refreshRate) const

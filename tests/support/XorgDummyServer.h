@@ -45,8 +45,6 @@ private:
     bool fail(const QString& reason);
     // Runs an X client program against the server and waits for it; true when it succeeded.
     static bool runClient(const QString& program, const QStringList& arguments);
-    // The fatal error that the server wrote on its standard error.
-    QString fatalError() const;
 
     QTemporaryDir dir;
     XServerProcess process;

@@ -1,10 +1,16 @@
 #include "XvfbServer.h"
 
+#include "TestFiles.h"
+
+#include <QDeadlineTimer>
 #include <QFile>
 #include <QStandardPaths>
 #include <QStringList>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
+#include <thread>
 #include <unistd.h>
 
 XvfbServer::XvfbServer(QString screenSpec) : screen(std::move(screenSpec)) {}
@@ -20,20 +26,45 @@ bool XvfbServer::isInstalled()
     return !QStandardPaths::findExecutable(QStringLiteral("Xvfb")).isEmpty();
 }
 
+int XvfbServer::unusedDisplayNumber()
+{
+    for (int number = firstNumberForNoServer; number < firstNumberForNoServer + 100; ++number) {
+        if (!QFile::exists(QStringLiteral("/tmp/.X11-unix/X%1").arg(number)) &&
+            !QFile::exists(lockFile(number))) {
+            return number;
+        }
+    }
+    return -1;
+}
+
 bool XvfbServer::start()
 {
     if (process.isRunning()) {
         return true;
     }
-    QStringList arguments;
     if (displayNumber >= 0) {
         releaseNumber();
-        arguments << getDisplayName();
+        return launch(displayNumber);
     }
-    arguments << QStringLiteral("-screen") << QStringLiteral("0") << screen
-              << QStringLiteral("-nolisten") << QStringLiteral("tcp");
-    const int number = process.start(QStringLiteral("Xvfb"), arguments);
-    if (number < 0) {
+    // Xvfb left to choose takes the first number whose socket it can bind,
+    // held by a lock file or not, and so the number of a server that another
+    // test killed and will start again. The numbers that no lock file names
+    // are tried in turn instead: one that a server starting beside this one
+    // takes meanwhile makes the start fail, and the next one is tried.
+    for (int number = 0; number < firstNumberForNoServer; ++number) {
+        if (!QFile::exists(lockFile(number)) && launch(number)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool XvfbServer::launch(int number)
+{
+    const QStringList arguments = {
+        QStringLiteral(":%1").arg(number), QStringLiteral("-screen"), QStringLiteral("0"), screen,
+        QStringLiteral("-nolisten"),       QStringLiteral("tcp")};
+    if (process.start(QStringLiteral("Xvfb"), arguments, outputFile()) != number) {
         return false;
     }
     displayNumber = number;
@@ -46,6 +77,27 @@ void XvfbServer::kill()
     process.stop(SIGKILL);
     if (wasRunning) {
         holdNumber();
+        waitForListenersToClose();
+    }
+}
+
+void XvfbServer::waitForListenersToClose() const
+{
+    // The server runs xkbcomp through a shell at every reset, and both inherit
+    // its listening sockets; killed in the middle of one, the server leaves
+    // them listening until the compiler is done, and a new server on the
+    // same number cannot bind its socket.
+    const QByteArray socketName =
+        QStringLiteral("/tmp/.X11-unix/X%1").arg(displayNumber).toLatin1();
+    const auto listened = [&socketName] {
+        const QList<QByteArray> lines = readFile(QStringLiteral("/proc/net/unix")).split('\n');
+        return std::any_of(lines.begin(), lines.end(), [&socketName](const QByteArray& line) {
+            return line.endsWith(" " + socketName) || line.endsWith(" @" + socketName);
+        });
+    };
+    const QDeadlineTimer deadline(10000);
+    while (listened() && !deadline.hasExpired()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }
 
@@ -53,7 +105,7 @@ void XvfbServer::holdNumber()
 {
     // The killed server could not remove its lock file; a server that finds a
     // lock of a live process leaves that number alone.
-    QFile lock(lockFile());
+    QFile lock(lockFile(displayNumber));
     if (lock.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         lock.write(QByteArray::number(getpid()).rightJustified(10, ' ') + '\n');
     }
@@ -64,7 +116,7 @@ void XvfbServer::releaseNumber()
     if (displayNumber < 0) {
         return;
     }
-    QFile lock(lockFile());
+    QFile lock(lockFile(displayNumber));
     if (lock.open(QIODevice::ReadOnly) && lock.readAll().trimmed().toLongLong() == getpid()) {
         lock.close();
         lock.remove();

@@ -3,6 +3,7 @@
 #include "XServerProcess.h"
 
 #include <QString>
+#include <QTemporaryDir>
 
 // One Xvfb server for a test: "Xvfb :N -screen 0 <screen> -nolisten tcp" on a
 // display number that was free, ready to accept connections when start()
@@ -25,6 +26,13 @@ public:
     // Whether an Xvfb program can be found at all.
     static bool isInstalled();
 
+    // The numbers from here on are left to tests that need a display on
+    // which no server runs.
+    static constexpr int firstNumberForNoServer = 600;
+    // A display number that no server uses, far above those that servers
+    // choosing their own number take first; -1 when there is none.
+    static int unusedDisplayNumber();
+
     // Starts on a free display number, or on the last one after kill().
     bool start();
     // Starts on this display number, for a test that names the display before
@@ -44,15 +52,24 @@ public:
     pid_t getPid() const { return process.getPid(); }
     int getDisplayNumber() const { return displayNumber; }
     QString getDisplayName() const { return QStringLiteral(":%1").arg(displayNumber); }
+    // Why the last start() failed, as the server said it.
+    QString startError() const { return XServerProcess::fatalError(outputFile()); }
 
 private:
-    QString lockFile() const { return QStringLiteral("/tmp/.X%1-lock").arg(displayNumber); }
+    QString outputFile() const { return outputDir.filePath(QStringLiteral("Xvfb.output")); }
+    static QString lockFile(int number) { return QStringLiteral("/tmp/.X%1-lock").arg(number); }
+    // Starts the server on this number; false when it did not come up there.
+    bool launch(int number);
     // The lock file as an X server writes it, with this process's pid.
     void holdNumber();
+    // Waits until no process (the killed server's children) listens on its
+    // sockets any more.
+    void waitForListenersToClose() const;
     // Removes the lock file if this process holds it.
     void releaseNumber();
 
     QString screen;
+    QTemporaryDir outputDir;
     XServerProcess process;
     int displayNumber = -1;
 };
