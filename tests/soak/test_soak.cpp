@@ -22,8 +22,10 @@
 #include <QDir>
 #include <QtTest>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <optional>
 
 namespace {
@@ -273,6 +275,14 @@ int main(int argc, char* argv[])
     // arena of its own, which keeps what the thread touched after it ends and
     // so hides a leak in the resident memory's noise.
     qputenv("GLIBC_TUNABLES", "glibc.malloc.arena_max=1");
+    // QtTest ends a test function after five minutes; a long walk takes far
+    // longer, and shrinking a failure up to a quarter of an hour more.
+    if (qEnvironmentVariableIsEmpty("QTEST_FUNCTION_TIMEOUT")) {
+        const qint64 budgetMs =
+            options.steps.value_or(fixedWalkSteps * fixedWalks) * 200 + 20 * 60 * 1000;
+        qputenv("QTEST_FUNCTION_TIMEOUT",
+                QByteArray::number(std::min<qint64>(budgetMs, std::numeric_limits<int>::max())));
+    }
     // Key names to codes for the keys the walk types.
     InputKeyCode::buildTable();
     const int status = runUnlessUnavailable<QCoreApplication, SoakTest>(
