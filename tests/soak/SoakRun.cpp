@@ -6,7 +6,6 @@
 
 #include <QDBusMessage>
 #include <QDir>
-#include <QFileInfo>
 #include <QRegularExpression>
 #include <QVariant>
 
@@ -69,9 +68,8 @@ constexpr bool residentMemoryIsJudged = false;
 constexpr bool residentMemoryIsJudged = true;
 #endif
 
-// The daemon's descriptors, except those of umockdev's preload library, which
-// keeps a pseudo-terminal master for every node it has seen. Each device held
-// is its node (a pseudo terminal) and the library's socket for its ioctls.
+// The daemon's descriptors. Each device held is its node (a pseudo terminal)
+// and umockdev's socket for its ioctls.
 int openDescriptors(pid_t pid, int* devices)
 {
     const QString dir = QStringLiteral("/proc/%1/fd").arg(pid);
@@ -79,9 +77,6 @@ int openDescriptors(pid_t pid, int* devices)
     *devices = 0;
     for (const QString& entry : QDir(dir).entryList(QDir::NoDotAndDotDot | QDir::System)) {
         const QString target = QFile::symLinkTarget(dir + '/' + entry);
-        if (target == QLatin1String("/dev/ptmx")) {
-            continue;
-        }
         ++count;
         if (target.startsWith(QLatin1String("/dev/pts/"))) {
             ++*devices;
@@ -576,9 +571,10 @@ QString SoakRun::compareResources(int stepsDone)
     const int heldDevices =
         static_cast<int>(model.unassignedDevices().size() + model.assignedDevices().size());
     if (devices != heldDevices) {
-        return QStringLiteral("the daemon has %1 device descriptors open, the model holds %2")
+        return QStringLiteral("the daemon has %1 device descriptors open, the model holds %2: %3")
             .arg(devices)
-            .arg(heldDevices);
+            .arg(heldDevices)
+            .arg(descriptorTargets(daemon).join(QStringLiteral(", ")));
     }
     // Memory and descriptors are compared whenever no display is configured:
     // then every station thread has ended, or is about to, with its picture,

@@ -72,16 +72,38 @@ long queuedBytes(int fd)
     return queued;
 }
 
+// The number of the pseudo terminal whose master `fd` is; -1 for any other descriptor.
+int masterPtyNumber(int fd)
+{
+    unsigned number = 0;
+    if (syscall(SYS_ioctl, fd, TIOCGPTN, &number) != 0) {
+        return -1;
+    }
+    return static_cast<int>(number);
+}
+
 } // namespace
 
 UmockdevTestbed::UmockdevTestbed() : testbed(umockdev_testbed_new(), g_object_unref) {}
 
 UmockdevTestbed::~UmockdevTestbed()
 {
+    testbed.reset();
     for (const Node& entry : std::as_const(nodes)) {
         if (entry.probeFd != -1) {
             close(entry.probeFd);
         }
+        closeLeftOpen(entry);
+    }
+    for (const Node& entry : std::as_const(removedNodes)) {
+        closeLeftOpen(entry);
+    }
+}
+
+void UmockdevTestbed::closeLeftOpen(const Node& entry)
+{
+    if (entry.ptyNumber >= 0 && masterPtyNumber(entry.masterFd) == entry.ptyNumber) {
+        close(entry.masterFd);
     }
 }
 
@@ -195,6 +217,12 @@ QString UmockdevTestbed::addDevice(const DeviceDescription& description,
     entry.probeFd =
         static_cast<int>(syscall(SYS_openat, AT_FDCWD, QFile::encodeName(terminal).constData(),
                                  O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    // The programs a test starts (the daemon, the bus, X servers) must not
+    // hold the terminals: a node would outlive its removal in them.
+    if (entry.masterFd != -1) {
+        fcntl(entry.masterFd, F_SETFD, FD_CLOEXEC);
+        entry.ptyNumber = masterPtyNumber(entry.masterFd);
+    }
     if (entry.masterFd == -1 || entry.probeFd == -1) {
         qWarning() << "UmockdevTestbed: no terminal behind" << node << terminal;
         if (entry.probeFd != -1) {
@@ -214,6 +242,8 @@ void UmockdevTestbed::removeDevice(const QString& node)
     }
     umockdev_testbed_remove_device(testbed.get(), entry->sysPath.toUtf8().constData());
     close(entry->probeFd);
+    entry->probeFd = -1;
+    removedNodes.append(*entry);
     nodes.remove(node);
 }
 

@@ -123,19 +123,28 @@ private:
     struct Node
     {
         QString sysPath;
-        int masterFd = -1;     // umockdev's end; owned by the testbed
+        int masterFd = -1;     // umockdev's end, which it never closes (closeLeftOpen)
+        int ptyNumber = -1;    // the pseudo terminal's number, to know the master again
         int probeFd = -1;      // our own descriptor on the device side, owned here
         int unwaitedBytes = 0; // written towards the code under test since the last wait
         QByteArray received;   // bytes from the code under test not yet returned
     };
 
     Node* findNode(const QString& node);
+    // umockdev keeps a node's pseudo-terminal master open after the device is
+    // removed and after the testbed is freed, so that a test that plugs
+    // devices again and again would run out of pseudo terminals. The
+    // destructor closes them, each unless it is no longer the one the node
+    // had. Not before: the code under test may still hold the node, which
+    // would then read end-of-file, as no kernel node does.
+    static void closeLeftOpen(const Node& entry);
     bool writeAll(int fd, const QByteArray& bytes);
     QString ioctlRecord(const QString& node, const DeviceDescription& description,
                         const UmockdevDeviceState& state) const;
 
     std::unique_ptr<UMockdevTestbed, void (*)(void*)> testbed;
     QHash<QString, Node> nodes;
+    QVector<Node> removedNodes;
     int nextEventNumber = 0;
 };
 
