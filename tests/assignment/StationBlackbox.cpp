@@ -368,6 +368,15 @@ int StoppableStation::overlayWindows() const
                : -1;
 }
 
+QString StoppableStation::processSummary() const
+{
+    const pid_t pid = server.getPid();
+    const QDir descriptors(QStringLiteral("/proc/%1/fd").arg(pid));
+    return QStringLiteral("state %1, %2 descriptors")
+        .arg(QLatin1Char(processState(pid)))
+        .arg(descriptors.entryList(QDir::NoDotAndDotDot | QDir::System).size());
+}
+
 QSize StoppableStation::size() const
 {
     if (stopped) {

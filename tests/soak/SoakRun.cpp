@@ -231,7 +231,7 @@ QString SoakRun::apply(const SoakStep& step)
         }
         // Delivered to the daemon's side before the status is asked for, unless
         // the daemon has taken the bytes already.
-        devices.waitForPendingInput(device.node, 1, 20);
+        devices.waitForDelivery(device.node, 20);
         if (pressed) {
             device.keysDown.insert(step.key);
         } else {
@@ -554,6 +554,13 @@ QString SoakRun::compareWindows()
         // The station's own thread makes and removes the window.
         if (!DaemonRunner::waitUntil(
                 [&] { return (windows = servers[i]->overlayWindows()) == expected; }, 10000)) {
+            if (windows < 0) {
+                return QStringLiteral("display :%1 accepts no connection (its server: %2), "
+                                      "expected %3 overlay windows")
+                    .arg(serverNumbers[i])
+                    .arg(servers[i]->processSummary())
+                    .arg(expected);
+            }
             return QStringLiteral("display :%1 shows %2 overlay windows, expected %3")
                 .arg(serverNumbers[i])
                 .arg(windows)

@@ -293,19 +293,35 @@ bool UmockdevTestbed::waitForPendingInput(const QString& node, int bytes, int ti
         return false;
     }
     const long wanted = bytes < 0 ? entry->unwaitedBytes : bytes;
+    if (!waitForQueued(*entry, wanted, timeoutMs)) {
+        qWarning() << "UmockdevTestbed:" << node << "has" << queuedBytes(entry->probeFd)
+                   << "bytes queued, expected" << wanted;
+        return false;
+    }
+    return true;
+}
+
+void UmockdevTestbed::waitForDelivery(const QString& node, int timeoutMs)
+{
+    if (Node* entry = findNode(node)) {
+        waitForQueued(*entry, 1, timeoutMs);
+        entry->unwaitedBytes = 0;
+    }
+}
+
+bool UmockdevTestbed::waitForQueued(Node& entry, long wanted, int timeoutMs)
+{
     QElapsedTimer timer;
     timer.start();
     // The terminal layer moves the bytes over from a kernel work queue; nothing signals their
     // arrival without consuming them, so look at the queue length until it is reached.
-    while (queuedBytes(entry->probeFd) < wanted) {
+    while (queuedBytes(entry.probeFd) < wanted) {
         if (timer.hasExpired(timeoutMs)) {
-            qWarning() << "UmockdevTestbed:" << node << "has" << queuedBytes(entry->probeFd)
-                       << "bytes queued, expected" << wanted;
             return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    entry->unwaitedBytes = 0;
+    entry.unwaitedBytes = 0;
     return true;
 }
 
