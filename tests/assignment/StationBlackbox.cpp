@@ -16,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <linux/input.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -371,9 +372,19 @@ int StoppableStation::overlayWindows() const
 QString StoppableStation::processSummary() const
 {
     const pid_t pid = server.getPid();
+    const char state = processState(pid);
+    if (state == 'Z') {
+        // Looked at, not reaped: the server's owner reaps it.
+        siginfo_t ended{};
+        waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT);
+        return QStringLiteral("ended (%1 %2): %3")
+            .arg(ended.si_code == CLD_EXITED ? QStringLiteral("status") : QStringLiteral("signal"))
+            .arg(ended.si_status)
+            .arg(server.startError());
+    }
     const QDir descriptors(QStringLiteral("/proc/%1/fd").arg(pid));
     return QStringLiteral("state %1, %2 descriptors")
-        .arg(QLatin1Char(processState(pid)))
+        .arg(QLatin1Char(state))
         .arg(descriptors.entryList(QDir::NoDotAndDotDot | QDir::System).size());
 }
 

@@ -174,8 +174,8 @@ public:
     // The number of overlay windows on the server; -1 without a connection.
     int overlayWindows() const;
     // The server process's state letter in /proc ('R', 'S', 'T', ...; '?'
-    // when there is none) and its open descriptors (each client one), to
-    // tell why it does not answer.
+    // when there is none) and its open descriptors (each client one), or how
+    // it ended and the fatal error it wrote, to tell why it does not answer.
     QString processSummary() const;
     QSize size() const;
 

@@ -551,9 +551,12 @@ QString SoakRun::compareWindows()
         }
         const int expected = model.display(serverNumbers[i]) ? 1 : 0;
         int windows = -1;
-        // The station's own thread makes and removes the window.
+        // The station's own thread makes and removes the window; after a
+        // server's restart it first has to notice the loss and connect again,
+        // which a loaded machine running the sanitizer build can stretch to
+        // several seconds.
         if (!DaemonRunner::waitUntil(
-                [&] { return (windows = servers[i]->overlayWindows()) == expected; }, 10000)) {
+                [&] { return (windows = servers[i]->overlayWindows()) == expected; }, 30000)) {
             if (windows < 0) {
                 return QStringLiteral("display :%1 accepts no connection (its server: %2), "
                                       "expected %3 overlay windows")
