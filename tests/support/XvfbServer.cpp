@@ -50,9 +50,16 @@ bool XvfbServer::start()
     // held by a lock file or not, and so the number of a server that another
     // test killed and will start again. The numbers that no lock file names
     // are tried in turn instead: one that a server starting beside this one
-    // takes meanwhile makes the start fail, and the next one is tried.
-    for (int number = 0; number < firstNumberForNoServer; ++number) {
-        if (!QFile::exists(lockFile(number)) && launch(number)) {
+    // takes meanwhile makes the start fail, and the next one is tried. A
+    // server that cannot start at all is not tried on every number.
+    constexpr int maximumLaunches = 16;
+    int launches = 0;
+    for (int number = 0; number < firstNumberForNoServer && launches < maximumLaunches; ++number) {
+        if (QFile::exists(lockFile(number))) {
+            continue;
+        }
+        ++launches;
+        if (launch(number)) {
             return true;
         }
     }
