@@ -3,6 +3,7 @@
 // languages by dropping what follows the last "_" until one matches, with
 // English as the fallback; and the registration of the overlay's font.
 #include "OverlayTestBed.h"
+#include "XvfbServer.h"
 
 #include "translation/TranslationLanguage.h"
 
@@ -37,8 +38,14 @@ private Q_SLOTS:
     {
         QVERIFY(OverlayTestBed::writeDataFile("translations/selvane.xml",
                                               translationsWith({"en", "de", "pt_BR", "pt", "fr"})));
+        // Displays on which no server runs: only the locale is asked for.
+        german = XvfbServer::unusedDisplayNumber();
+        british = XvfbServer::unusedDisplayNumber(german + 1);
+        unanswered = XvfbServer::unusedDisplayNumber(british + 1);
+        QVERIFY(german >= 0 && british >= 0 && unanswered >= 0);
         bed = std::make_unique<OverlayTestBed>(
-            QStringList{"--locale", "2=de_DE.UTF-8", "--locale", "3=en_GB"});
+            QStringList{"--locale", QStringLiteral("%1=de_DE.UTF-8").arg(german), "--locale",
+                        QStringLiteral("%1=en_GB").arg(british)});
         QVERIFY(bed->isReady());
     }
     void cleanupTestCase() { bed.reset(); }
@@ -47,22 +54,26 @@ private Q_SLOTS:
     void localeOfTheDisplayChoosesTheLanguage()
     {
         const int before = bed->callCount();
-        auto display = bed->create(2, 5);
+        auto display = bed->create(german, 5);
         QCOMPARE(display->getLanguage(), bed->getCentral().getLanguage("de"));
         QVERIFY(display->getLanguage());
         QCOMPARE(bed->callsSince(before),
-                 QStringList{"com.orvanta.Controllers.Session.GetLocaleForUserOnDisplay 2"});
+                 QStringList{
+                     QStringLiteral("com.orvanta.Controllers.Session.GetLocaleForUserOnDisplay %1")
+                         .arg(german)});
         QCOMPARE(bed->getLog().messages(),
-                 (QStringList{"Creating display configuration on display :2 on station 5.",
-                              "Using language de on station 5"}));
+                 (QStringList{
+                     QStringLiteral("Creating display configuration on display :%1 on station 5.")
+                         .arg(german),
+                     "Using language de on station 5"}));
         QCOMPARE(bed->getLog().entries().last().level, Orvanta::Logger::LEVEL_INFO);
         QCOMPARE(bed->getLog().entries().last().function, QString("determineLanguage"));
     }
 
     void unansweredLocaleFallsBackToEnglish()
     {
-        // The simulator answers display 9 with an empty locale.
-        auto display = bed->create(9, 4);
+        // The simulator answers a display it has no locale for with an empty one.
+        auto display = bed->create(unanswered, 4);
         QCOMPARE(display->getLanguage(), bed->getCentral().getLanguage("en"));
         QVERIFY(display->getLanguage());
         QCOMPARE(bed->getLog().messages().mid(1),
@@ -101,7 +112,7 @@ private Q_SLOTS:
         QFETCH(QString, locale);
         QFETCH(QString, language);
         QFETCH(bool, warned);
-        auto display = bed->create(3, 6);
+        auto display = bed->create(british, 6);
         bed->getLog().clear();
         display->determineLanguage(bed->getCentral(), locale);
         QVERIFY(display->getLanguage());
@@ -117,8 +128,8 @@ private Q_SLOTS:
 
     void constructionAsksOnceAndUsesTheAnswer()
     {
-        // Display 3 answers en_GB: English without a warning.
-        auto display = bed->create(3, 6);
+        // That display answers en_GB: English without a warning.
+        auto display = bed->create(british, 6);
         QCOMPARE(display->getLanguage()->getId(), QString("en"));
         QCOMPARE(bed->getLog().messages().filter("Cannot find"), QStringList());
     }
@@ -131,7 +142,7 @@ private Q_SLOTS:
         QVERIFY(bed->getCentral().getLanguage("de"));
         QVERIFY(!bed->getCentral().getLanguage("en"));
         bed->getLog().clear();
-        auto display = bed->create(3, 6);
+        auto display = bed->create(british, 6);
         QCOMPARE(display->getLanguage(), nullptr);
         const QStringList expected{
             "Cannot find strings for language 'en_GB'.  Using language 'en' as a default",
@@ -170,6 +181,9 @@ private Q_SLOTS:
     }
 
 private:
+    int german = -1;
+    int british = -1;
+    int unanswered = -1;
     std::unique_ptr<OverlayTestBed> bed;
 };
 

@@ -26,9 +26,9 @@ bool XvfbServer::isInstalled()
     return !QStandardPaths::findExecutable(QStringLiteral("Xvfb")).isEmpty();
 }
 
-int XvfbServer::unusedDisplayNumber()
+int XvfbServer::unusedDisplayNumber(int from)
 {
-    for (int number = firstNumberForNoServer; number < firstNumberForNoServer + 100; ++number) {
+    for (int number = from; number < firstNumberForNoServer + 100; ++number) {
         if (!QFile::exists(QStringLiteral("/tmp/.X11-unix/X%1").arg(number)) &&
             !QFile::exists(lockFile(number))) {
             return number;

@@ -29,9 +29,9 @@ public:
     // The numbers from here on are left to tests that need a display on
     // which no server runs.
     static constexpr int firstNumberForNoServer = 600;
-    // A display number that no server uses, far above those that servers
-    // choosing their own number take first; -1 when there is none.
-    static int unusedDisplayNumber();
+    // A display number from `from` on that no server uses, far above those
+    // that servers choosing their own number take first; -1 when there is none.
+    static int unusedDisplayNumber(int from = firstNumberForNoServer);
 
     // Starts on a free display number, or on the last one after kill().
     bool start();
