@@ -3,9 +3,11 @@
 #include "common/CrashHandler.h"
 #include "common/Daemon.h"
 #include "common/Logger.h"
+#include "common/Privileges.h"
 #include "common/SignalRelay.h"
 #include "daemon/Selvane.h"
 #include "input/InputKeyCode.h"
+#include "sequences/CommandLauncher.h"
 
 #include "Paths.h"
 
@@ -13,10 +15,13 @@
 #include <QFile>
 #include <QGuiApplication>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <unistd.h>
 
 namespace {
 constexpr char logSource[] = "Main";
@@ -120,6 +125,18 @@ int main(int argc, char* argv[])
     // The parent exits with status 0 in here. Without a pid file the daemon
     // still runs, only --pid, --stop and the running check cannot see it.
     Orvanta::Daemon::start(pidFile);
+    // Still the only thread of the child: the launcher forks from a copy that holds no device,
+    // and the capabilities given up here stay given up in every thread started later.
+    CommandLauncher::start();
+    if (geteuid() != 0 && !Orvanta::Privileges::dropCapabilities()) {
+        SELVANE_LOG(LEVEL_ERROR, "Could not give up the daemon's capabilities: %s",
+                    strerror(errno));
+    }
+    // No process of the daemon's account, a command least of all, may trace it or take its
+    // descriptors.
+    if (!Orvanta::Privileges::makeUndumpable()) {
+        SELVANE_LOG(LEVEL_ERROR, "Could not make the daemon undumpable: %s", strerror(errno));
+    }
     // Once more in the daemon child, now that its registration can be logged.
     DisplayConfiguration::initTranslations();
 

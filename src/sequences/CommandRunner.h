@@ -5,13 +5,13 @@
 #include <QString>
 #include <QVector>
 
-#include <sys/types.h>
-
-// Starts a shell command for a device and waits until it has finished. The child gets a
-// complete environment built beforehand and the default signal dispositions and mask, so
-// nothing of the daemon runs in it between the start and the exec. While the command runs, the
-// kernel's input records keep being taken off every open device into the devices' queues, so
-// none is lost however long the command takes; they are processed once it has ended.
+// Starts a shell command for a device through the command launcher and waits until it has
+// finished. The command gets a complete environment built beforehand; the launcher starts it
+// with the default signal dispositions and mask, standard input from /dev/null, a session of
+// its own and none of the daemon's descriptors (see CommandLauncher for its groups and
+// capabilities). While the command runs, the kernel's input records keep being taken off every open
+// device into the devices' queues, so none is lost however long the command takes; they are
+// processed once it has ended.
 class CommandRunner
 {
 public:
@@ -25,5 +25,5 @@ public:
     static bool run(const QByteArray& command, const QVector<QByteArray>& environment);
 
 private:
-    static void waitTakingInput(pid_t pid);
+    static void waitTakingInput(int process);
 };
