@@ -374,6 +374,46 @@ private Q_SLOTS:
         QVERIFY(!lines.join('\n').contains(QStringLiteral("Logfile opened")));
     }
 
+    void theCommandLauncherStartsWithTheDaemonAndEndsWithIt()
+    {
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        pid_t launcher = 0;
+        QVERIFY(DaemonRunner::waitUntil([&] {
+            launcher =
+                readFile(QStringLiteral("/proc/%1/task/%1/children").arg(daemon)).trimmed().toInt();
+            return launcher > 0;
+        }));
+        // Once it has settled: its own name; standard input, output and error and its socket
+        // to the daemon, nothing else.
+        QStringList descriptors;
+        QVERIFY2(DaemonRunner::waitUntil([&] {
+                     descriptors =
+                         QDir(QStringLiteral("/proc/%1/fd").arg(launcher))
+                             .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+                     descriptors.sort();
+                     return readFile(QStringLiteral("/proc/%1/comm").arg(launcher)) ==
+                                "selvane-launch\n" &&
+                            descriptors.join(' ') == QStringLiteral("0 1 2 3");
+                 }),
+                 qPrintable(descriptors.join(' ')));
+        QVERIFY(QFile::symLinkTarget(QStringLiteral("/proc/%1/fd/3").arg(launcher))
+                    .contains("socket:"));
+
+        const QRegularExpression asRoot =
+            DaemonRunner::logLine("Info", "CommandLauncher:start", "Commands run as root");
+        int lines = 0;
+        for (const QString& line : DaemonRunner::readLines(runner->defaultLogFile())) {
+            lines += asRoot.match(line).hasMatch() ? 1 : 0;
+        }
+        QCOMPARE(lines, 1);
+
+        QCOMPARE(kill(daemon, SIGTERM), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        // Adopted by the test once the daemon is gone, and ended by itself.
+        QCOMPARE(DaemonRunner::waitForExit(launcher), 0);
+    }
+
     void sigintQuitsLikeSigterm()
     {
         const pid_t daemon = startDaemon();

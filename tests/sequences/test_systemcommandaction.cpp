@@ -232,7 +232,54 @@ private Q_SLOTS:
         QCOMPARE(triggered.getEventDevice(), device);
     }
 
+    // Last: the launcher of this process does not come back.
+    void noCommandRunsOnceTheLauncherHasEnded()
+    {
+        const QString out = dir->filePath("out");
+        SystemCommandAction action("echo ran >> " + out, nullptr);
+        action.executeCommand(device);
+        QCOMPARE(readFile(out), QByteArray("ran\n"));
+        const pid_t launcher = launcherPid();
+        QVERIFY(launcher > 0);
+        QCOMPARE(kill(launcher, SIGKILL), 0);
+
+        LogCapture capture;
+        action.executeCommand(device);
+        action.executeCommand(device);
+        QCOMPARE(readFile(out), QByteArray("ran\n"));
+        QStringList messages;
+        for (const LogCapture::Entry& entry : capture.entries()) {
+            messages.append(QString::number(entry.level) + ' ' + entry.message);
+        }
+        const QString executing =
+            QString::number(Logger::LEVEL_INFO) + " Executing command: echo ran >> " + out;
+        const QString failed =
+            QString::number(Logger::LEVEL_ERROR) + " Error executing command: echo ran >> " + out;
+        QCOMPARE(messages,
+                 QStringList({executing,
+                              QString::number(Logger::LEVEL_ERROR) +
+                                  " The command launcher has ended; commands are not run any more",
+                              failed, executing, failed}));
+        // The daemon collected its launcher.
+        QCOMPARE(launcherPid(), pid_t(0));
+    }
+
 private:
+    // This process's command launcher, 0 when it has none.
+    static pid_t launcherPid()
+    {
+        for (const QString& task :
+             QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            for (const QByteArray& child :
+                 readFile("/proc/self/task/" + task + "/children").simplified().split(' ')) {
+                if (readFile("/proc/" + child + "/comm") == "selvane-launch\n") {
+                    return child.toInt();
+                }
+            }
+        }
+        return 0;
+    }
+
     QScopedPointer<QTemporaryDir> dir; // fresh for every test function
     EventDevice* device = nullptr;
 };
