@@ -1,7 +1,9 @@
 #include "common/Daemon.h"
 
 #include <QFile>
+#include <QFileInfo>
 
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdio>
@@ -27,6 +29,25 @@ QString executableOf(int pid)
     return QFile::decodeName(QByteArray(target, static_cast<qsizetype>(length)));
 }
 
+// The daemon is not dumpable, so a process of its own account other than root may not read
+// its executable's link. The kernel's short name of the process (the executable's file name,
+// cut to 15 bytes) stays readable: a hidden executable counts as programPath when that name
+// matches.
+bool hidesProgram(int pid, const QString& programPath)
+{
+    const QByteArray link = QByteArrayLiteral("/proc/") + QByteArray::number(pid) + "/exe";
+    char target[1];
+    if (readlink(link.constData(), target, sizeof(target)) != -1 || errno != EACCES) {
+        return false;
+    }
+    QFile comm(QStringLiteral("/proc/%1/comm").arg(pid));
+    if (!comm.open(QIODevice::ReadOnly)) {
+        return false;
+    }
+    const QByteArray name = QFile::encodeName(QFileInfo(programPath).fileName()).left(15);
+    return comm.readAll() == name + '\n';
+}
+
 } // namespace
 
 int getPid(QString pidFile)
@@ -49,7 +70,7 @@ int getPid(QString pidFile)
 bool isProgramRunning(QString pidFile, QString programPath)
 {
     const int pid = getPid(pidFile);
-    return pid != 0 && executableOf(pid) == programPath;
+    return pid != 0 && (executableOf(pid) == programPath || hidesProgram(pid, programPath));
 }
 
 bool start(QString pidFile)
@@ -84,7 +105,8 @@ void stop(QString pidFile, QString programPath)
         return;
     }
     const QString executable = executableOf(pid);
-    if (executable == programPath || executable == programPath + QStringLiteral(" (deleted)")) {
+    if (executable == programPath || executable == programPath + QStringLiteral(" (deleted)") ||
+        hidesProgram(pid, programPath)) {
         kill(pid, SIGTERM);
     }
 }

@@ -11,6 +11,8 @@ int getPid(QString pidFile);
 
 // True if the pid file names a live process whose executable is programPath.
 // A stale pid file whose pid now belongs to another program does not count.
+// Where the process hides its executable (an undumpable daemon seen by its own
+// account), the kernel's short name of the process stands in for it.
 bool isProgramRunning(QString pidFile, QString programPath);
 
 // Forks into the background. The parent exits with status 0 inside this call;
@@ -21,7 +23,8 @@ bool start(QString pidFile);
 
 // Sends SIGTERM to the process named by the pid file, but only when that
 // process runs programPath, or ran it and the file has since been deleted (an
-// upgrade replaced the program while the daemon ran). A stale pid file whose
+// upgrade replaced the program while the daemon ran), or hides its executable
+// and has the program's short name (see isProgramRunning). A stale pid file whose
 // pid now belongs to another program is ignored, silently. Does not wait for
 // the process and leaves the pid file to it.
 void stop(QString pidFile, QString programPath);

@@ -10,8 +10,12 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <functional>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -224,6 +228,73 @@ private Q_SLOTS:
         QVERIFY(background != foreground);
         QCOMPARE(DaemonRunner::waitForExit(background), 43);
         QVERIFY(!QFile::exists(unwritable));
+    }
+
+    // An undumpable daemon hides its executable from its own account (root sees it anyway):
+    // the account's --stop and running check still find it by its short name.
+    void anUndumpableDaemonIsFoundByItsOwnAccount()
+    {
+        if (geteuid() != 0) {
+            QSKIP("playing two processes of another account needs root");
+        }
+        constexpr uid_t account = 65534;
+        const pid_t daemon = forkFlushed();
+        if (daemon == 0) {
+            // A SIGTERM stays pending, for the test to see.
+            sigset_t all;
+            sigfillset(&all);
+            if (sigprocmask(SIG_SETMASK, &all, nullptr) != 0 ||
+                setresuid(account, account, account) != 0 ||
+                prctl(PR_SET_NAME, "orvanta-selvane", 0, 0, 0) != 0 ||
+                prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0) {
+                _exit(3);
+            }
+            for (;;) {
+                pause();
+            }
+        }
+        QVERIFY(daemon > 0);
+        QVERIFY(DaemonRunner::waitUntil([&] {
+            return readFile(QStringLiteral("/proc/%1/comm").arg(daemon)) == "orvanta-selvane\n";
+        }));
+        QVERIFY(chmod(QFile::encodeName(dir.path()).constData(), 0711) == 0);
+        QVERIFY(writeFile(pidFile, QByteArray::number(daemon)));
+        QVERIFY(chmod(QFile::encodeName(pidFile).constData(), 0644) == 0);
+
+        // Each check in a child of the same account; its exit status is the answer.
+        const auto asAccount = [&](const std::function<bool()>& check) {
+            const pid_t child = forkFlushed();
+            if (child == 0) {
+                _exit(setresuid(account, account, account) == 0 && check() ? 0 : 1);
+            }
+            return DaemonRunner::waitForExit(child);
+        };
+        QCOMPARE(asAccount([&] {
+                     char target[1];
+                     const QByteArray link = "/proc/" + QByteArray::number(daemon) + "/exe";
+                     return readlink(link.constData(), target, sizeof target) == -1 &&
+                            errno == EACCES;
+                 }),
+                 0);
+        QCOMPARE(asAccount([&] {
+                     return Daemon::isProgramRunning(pidFile, "/usr/sbin/orvanta-selvane");
+                 }),
+                 0);
+        QCOMPARE(asAccount([&] { return Daemon::isProgramRunning(pidFile, "/usr/bin/other"); }), 1);
+        QCOMPARE(asAccount([&] {
+                     Daemon::stop(pidFile, "/usr/bin/other");
+                     return true;
+                 }),
+                 0);
+        QVERIFY(!DaemonRunner::hasPendingSigterm(daemon));
+        QCOMPARE(asAccount([&] {
+                     Daemon::stop(pidFile, "/usr/sbin/orvanta-selvane");
+                     return true;
+                 }),
+                 0);
+        QVERIFY(DaemonRunner::hasPendingSigterm(daemon));
+        QCOMPARE(kill(daemon, SIGKILL), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 128 + SIGKILL);
     }
 };
 
