@@ -2,6 +2,7 @@
 
 #include <QtTest>
 
+#include <cerrno>
 #include <grp.h>
 #include <linux/capability.h>
 #include <sys/prctl.h>
