@@ -39,12 +39,28 @@ char processState(pid_t pid)
     return end >= 0 && end + 2 < stat.size() ? stat.at(end + 2) : '?';
 }
 
-// Whether the process has a child process, running or not yet reaped.
-bool hasChildren(pid_t pid)
+// The process's child processes, running or not yet reaped.
+QList<pid_t> childrenOf(pid_t pid)
 {
+    QList<pid_t> children;
     const QString tasks = QStringLiteral("/proc/%1/task").arg(pid);
     for (const QString& task : QDir(tasks).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        if (!readFile(tasks + '/' + task + QStringLiteral("/children")).trimmed().isEmpty()) {
+        const QByteArray listed = readFile(tasks + '/' + task + QStringLiteral("/children"));
+        for (const QByteArray& child : listed.simplified().split(' ')) {
+            if (child.toInt() > 0) {
+                children.append(child.toInt());
+            }
+        }
+    }
+    return children;
+}
+
+// Whether a command of the daemon runs or is not yet collected: commands are children of the
+// daemon's command launcher, its only child.
+bool runsCommand(pid_t daemon)
+{
+    for (const pid_t launcher : childrenOf(daemon)) {
+        if (!childrenOf(launcher).isEmpty()) {
             return true;
         }
     }
@@ -233,7 +249,7 @@ QString StationBlackbox::checkResponsive(const QString& keyboard, qint64 combina
     // The daemon waits for a command to end (its documented behaviour): the
     // question is asked once the command's shell has ended and been reaped,
     // so that its time is the daemon's own.
-    DaemonRunner::waitUntil([&] { return !hasChildren(daemon); });
+    DaemonRunner::waitUntil([&] { return !runsCommand(daemon); });
     const qint64 introspect = introspectMs();
     const QString times =
         QStringLiteral("combination %1: %2 ms (its command started after %3 ms), Introspect: %4 ms")
