@@ -114,24 +114,32 @@ ServerSetupCheck::ServerSetupCheck(const uint8_t* setup, size_t setupSize)
         }
     }
     if (screens == 0) {
-        verdict = Verdict::NO_SCREEN;
+        structure = Verdict::NO_SCREEN;
         return;
     }
     if (width == 0 || height == 0) {
         return;
     }
-    if (!fitsMaximumSize(width, height)) {
-        verdict = Verdict::SCREEN_TOO_LARGE;
-        return;
-    }
     if (rootVisualFound) {
         chooseFormat(data[screenOffset + screenRootDepthOffset]);
-        if (!format) {
-            verdict = Verdict::NO_PIXMAP_FORMAT;
-            return;
-        }
     }
-    verdict = Verdict::USABLE;
+    structure = Verdict::USABLE;
+}
+
+ServerSetupCheck::Verdict ServerSetupCheck::verdictAt(uint32_t screenWidth,
+                                                      uint32_t screenHeight) const
+{
+    if (structure != Verdict::USABLE) {
+        return structure;
+    }
+    if (!fitsMaximumSize(screenWidth, screenHeight)) {
+        return Verdict::SCREEN_TOO_LARGE;
+    }
+    // Without a root visual the upload logs that it cannot tell the format.
+    if (rootVisualFound && !format) {
+        return Verdict::NO_PIXMAP_FORMAT;
+    }
+    return Verdict::USABLE;
 }
 
 bool ServerSetupCheck::walkScreen(size_t& offset, bool first)

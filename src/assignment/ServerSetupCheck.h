@@ -11,7 +11,8 @@
 // maximumScreenSide pixels each way, and the pixmap format that the overlay
 // is uploaded in must have a pixel size and a scanline pad that the upload
 // can handle. Works on plain bytes (the reply as xcb_get_setup() holds it:
-// 8 bytes plus 4 times its length field), in the client's byte order.
+// 8 bytes plus 4 times its length field), in the client's byte order, and
+// keeps a pointer to them: they must outlive the check.
 class ServerSetupCheck
 {
 public:
@@ -50,7 +51,11 @@ public:
 
     ServerSetupCheck(const uint8_t* setup, size_t size);
 
-    Verdict getVerdict() const { return verdict; }
+    // The verdict on the setup's own screen size.
+    Verdict getVerdict() const { return verdictAt(width, height); }
+    // The verdict once the first screen has this size (a RandR change): the
+    // setup's structure and formats stay what they were.
+    Verdict verdictAt(uint32_t screenWidth, uint32_t screenHeight) const;
     // Where the first screen's record starts in the reply; valid unless the
     // verdict is MALFORMED or NO_SCREEN.
     size_t getScreenOffset() const { return screenOffset; }
@@ -58,7 +63,8 @@ public:
     uint32_t getHeight() const { return height; }
     // Whether the first screen lists its root visual among its depths.
     bool hasRootVisual() const { return rootVisualFound; }
-    // The format to upload in, for a USABLE verdict with a root visual.
+    // The format to upload in, whatever the screen's size; none when the
+    // screen has no root visual or the setup no usable format for it.
     const std::optional<PixmapFormat>& getFormat() const { return format; }
 
 private:
@@ -67,7 +73,8 @@ private:
 
     const uint8_t* data;
     size_t size;
-    Verdict verdict = Verdict::MALFORMED;
+    // MALFORMED, NO_SCREEN, or USABLE for a well-formed setup with a screen.
+    Verdict structure = Verdict::MALFORMED;
     size_t formatsOffset = 0;
     uint8_t formatCount = 0;
     size_t screenOffset = 0;

@@ -211,7 +211,7 @@ void StationDisplay::update()
 
 bool StationDisplay::show(const OverlayContent& content)
 {
-    if (!connection || !window || sizeRefused) {
+    if (!connection || !window || verdict != ServerSetupCheck::Verdict::USABLE) {
         return false;
     }
     OverlayContent labelled = content;
@@ -331,32 +331,47 @@ bool StationDisplay::acceptSetup()
 {
     const xcb_setup_t* setup = xcb_get_setup(connection.get());
     const auto* bytes = reinterpret_cast<const uint8_t*>(setup);
-    const ServerSetupCheck check(bytes, 8 + 4 * static_cast<size_t>(setup->length));
-    switch (check.getVerdict()) {
-    case ServerSetupCheck::Verdict::MALFORMED:
-        SELVANE_LOG(LEVEL_WARNING, "Refusing display :%d: its X setup is malformed", displayId);
+    setupCheck.emplace(bytes, 8 + 4 * static_cast<size_t>(setup->length));
+    verdict = setupCheck->getVerdict();
+    if (verdict == ServerSetupCheck::Verdict::MALFORMED ||
+        verdict == ServerSetupCheck::Verdict::NO_SCREEN) {
+        logRefusal();
         return false;
-    case ServerSetupCheck::Verdict::NO_SCREEN:
-        SELVANE_LOG(LEVEL_WARNING, "Could not find a screen to use on display :%d", displayId);
-        return false;
-    case ServerSetupCheck::Verdict::NO_PIXMAP_FORMAT:
-        SELVANE_LOG(LEVEL_WARNING, "Refusing display :%d: no usable pixmap format", displayId);
-        return false;
-    case ServerSetupCheck::Verdict::SCREEN_TOO_LARGE:
-    case ServerSetupCheck::Verdict::USABLE:
-        break;
     }
     // The check found the first screen's whole record within the reply.
-    screen = reinterpret_cast<const xcb_screen_t*>(bytes + check.getScreenOffset());
-    width = check.getWidth();
-    height = check.getHeight();
-    uploadFormat = check.getFormat();
+    screen = reinterpret_cast<const xcb_screen_t*>(bytes + setupCheck->getScreenOffset());
+    width = setupCheck->getWidth();
+    height = setupCheck->getHeight();
+    // Listened to also while the screen is refused: a change of its size may
+    // make it usable.
     selectScreenChanges();
-    if (check.getVerdict() == ServerSetupCheck::Verdict::SCREEN_TOO_LARGE) {
-        refuseSize();
+    if (verdict != ServerSetupCheck::Verdict::USABLE) {
+        logRefusal();
         return false;
     }
     return true;
+}
+
+void StationDisplay::logRefusal() const
+{
+    switch (verdict) {
+    case ServerSetupCheck::Verdict::USABLE:
+        return;
+    case ServerSetupCheck::Verdict::MALFORMED:
+        SELVANE_LOG(LEVEL_WARNING, "Refusing display :%d: its X setup is malformed", displayId);
+        return;
+    case ServerSetupCheck::Verdict::NO_SCREEN:
+        SELVANE_LOG(LEVEL_WARNING, "Could not find a screen to use on display :%d", displayId);
+        return;
+    case ServerSetupCheck::Verdict::SCREEN_TOO_LARGE:
+        SELVANE_LOG(LEVEL_WARNING, "Refusing display :%d: its screen of %ux%u is larger than %ux%u",
+                    displayId, width, height, ServerSetupCheck::maximumScreenSide,
+                    ServerSetupCheck::maximumScreenSide);
+        return;
+    case ServerSetupCheck::Verdict::NO_PIXMAP_FORMAT:
+        SELVANE_LOG(LEVEL_WARNING, "Refusing display :%d: no usable pixmap format", displayId);
+        return;
+    }
 }
 
 void StationDisplay::selectScreenChanges()
@@ -371,12 +386,8 @@ void StationDisplay::selectScreenChanges()
     }
 }
 
-void StationDisplay::refuseSize()
+void StationDisplay::hideWindow()
 {
-    sizeRefused = true;
-    SELVANE_LOG(LEVEL_WARNING, "Refusing display :%d: its screen of %ux%u is larger than %ux%u",
-                displayId, width, height, ServerSetupCheck::maximumScreenSide,
-                ServerSetupCheck::maximumScreenSide);
     xcb_connection_t* c = connection.get();
     if (pixmap) {
         xcb_free_pixmap(c, pixmap);
@@ -471,13 +482,17 @@ void StationDisplay::handleEvent(const xcb_generic_event_t& event)
     }
     width = change.width;
     height = change.height;
-    if (!ServerSetupCheck::fitsMaximumSize(width, height)) {
-        if (!sizeRefused) {
-            refuseSize();
+    const ServerSetupCheck::Verdict previous =
+        std::exchange(verdict, setupCheck->verdictAt(width, height));
+    if (verdict != ServerSetupCheck::Verdict::USABLE) {
+        // Once for each reason in a row, however many changes keep it.
+        if (verdict != previous) {
+            logRefusal();
         }
+        hideWindow();
         return;
     }
-    const bool wasRefused = std::exchange(sizeRefused, false);
+    const bool wasRefused = previous != ServerSetupCheck::Verdict::USABLE;
     // Refused since the setup: the display is used for the first time.
     if (!window) {
         createWindow();
@@ -628,6 +643,7 @@ bool StationDisplay::createXImage()
     }
     // The setup's check chose the format; it has none when the screen's root
     // visual is not among its visuals.
+    const std::optional<ServerSetupCheck::PixmapFormat>& uploadFormat = setupCheck->getFormat();
     if (!uploadFormat) {
         SELVANE_LOG(LEVEL_WARNING, "Cannot get visual");
         return false;
@@ -721,8 +737,8 @@ void StationDisplay::releaseConnection()
     }
     connection.reset();
     screen = nullptr;
-    uploadFormat.reset();
-    sizeRefused = false;
+    setupCheck.reset();
+    verdict = ServerSetupCheck::Verdict::USABLE;
     randrEventBase = 0;
     keymap.forget();
     keymapChanged = false;

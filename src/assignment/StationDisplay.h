@@ -97,12 +97,13 @@ private:
     // false, logged, when the display is refused. A screen too large is taken
     // all the same, so that a RandR change to a size that fits can use it.
     bool acceptSetup();
+    // The Warning that says why `verdict` refuses the display; nothing for a usable one.
+    void logRefusal() const;
     void selectScreenChanges();
     // Creates, dresses and maps the overlay window on the accepted screen.
     void createWindow();
-    // The screen is too large to draw on: logged, and nothing is shown until
-    // a RandR change brings it to a size that fits.
-    void refuseSize();
+    // A screen refused after a RandR change shows nothing until the next change.
+    void hideWindow();
     void handleEvent(const xcb_generic_event_t& event);
     void loadKeymap();
     // Logs a label that differs from the US one, once per keyboard step.
@@ -133,7 +134,8 @@ private:
     xcb_pixmap_t pixmap = 0;
     xcb_gcontext_t gc = 0;
     uint8_t randrEventBase = 0;
-    // The pixmap format the picture is uploaded in; none without a root visual.
-    std::optional<ServerSetupCheck::PixmapFormat> uploadFormat;
-    bool sizeRefused = false;
+    // The check of the connection's setup, which it reads from xcb's copy.
+    std::optional<ServerSetupCheck> setupCheck;
+    // At the screen's current size; the display is drawn on only when USABLE.
+    ServerSetupCheck::Verdict verdict = ServerSetupCheck::Verdict::USABLE;
 };

@@ -176,6 +176,29 @@ private Q_SLOTS:
         }
     }
 
+    void aScreenRefusedForItsSizeIsCheckedAtItsNextSize()
+    {
+        XSetupReply huge = withSize(32767, 16385);
+        const QByteArray fine = huge.bytes();
+        const ServerSetupCheck result = check(fine);
+        QCOMPARE(result.getVerdict(), Verdict::SCREEN_TOO_LARGE);
+        QCOMPARE(result.verdictAt(1024, 768), Verdict::USABLE);
+        QCOMPARE(result.verdictAt(8192, 8192), Verdict::USABLE);
+        QCOMPARE(result.verdictAt(8193, 1), Verdict::SCREEN_TOO_LARGE);
+        QVERIFY(result.getFormat());
+        // Its format is refused once its size fits.
+        huge.formats = {{24, 32, 64}};
+        const QByteArray padded = huge.bytes();
+        const ServerSetupCheck badFormat = check(padded);
+        QCOMPARE(badFormat.getVerdict(), Verdict::SCREEN_TOO_LARGE);
+        QCOMPARE(badFormat.verdictAt(1024, 768), Verdict::NO_PIXMAP_FORMAT);
+        QVERIFY(!badFormat.getFormat());
+        // A malformed setup stays malformed at any size.
+        QByteArray lying = fine;
+        setByte(lying, XSetupReply::formatCountOffset, 255);
+        QCOMPARE(check(lying).verdictAt(1024, 768), Verdict::MALFORMED);
+    }
+
     void aServerWithoutScreens()
     {
         XSetupReply reply;
