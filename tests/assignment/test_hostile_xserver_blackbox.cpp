@@ -1,7 +1,8 @@
 // Hostile X servers under the built daemon: a server of the test's own
 // (FakeXServer) listens on a display that the platform configures and answers
 // the setup with a pixmap format of scanline pad 0, a 32767x16385 screen at
-// pad 64, a reply cut short, garbage, or counts that point past the reply.
+// pad 64, a reply cut short, garbage, a header alone, or counts that point
+// past the reply.
 // Each is refused with one clear line per connection, and meanwhile the
 // daemon stays up, its peak resident memory stays under 256 MB, a key
 // combination typed at another station runs within 300 ms and a real Xvfb
@@ -126,6 +127,11 @@ private Q_SLOTS:
         garbage[XSetupReply::screenCountOffset] = static_cast<char>(255);
         garbage[XSetupReply::formatCountOffset] = static_cast<char>(255);
         QTest::newRow("garbage") << garbage << false << malformed << true;
+        // A successful status and nothing after the header: xcb itself
+        // takes it for a failed connection.
+        QTest::newRow("a setup of its header alone")
+            << QByteArray::fromHex("01000b0000000000") << false
+            << QStringLiteral("Could not get connection to display :%1") << false;
         QByteArray lying = XSetupReply().bytes();
         lying[XSetupReply::formatCountOffset] = static_cast<char>(200);
         QTest::newRow("more formats than the reply holds") << lying << false << malformed << true;
