@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the parser fuzzers with clang and runs each for a while: the key
-# configuration parser and the translation file parser.
+# configuration parser, the translation file parser and the check of an X
+# server's setup reply.
 # Usage: fuzz/run-fuzzer.sh [build-dir] [seconds per fuzzer]   (defaults: build-fuzz 60)
 # New inputs go to <build-dir>/fuzz-corpus/<fuzzer>; the checked-in seeds stay
 # as they are (the translation parser's seeds are the golden files of its
@@ -14,7 +15,7 @@ seconds=${2:-60}
 
 CC=clang-14 CXX=clang++-14 cmake -S "$root" -B "$build" -G Ninja \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSELVANE_FUZZ=ON -DSELVANE_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" --target fuzz_keysequence fuzz_translation -j"$(nproc)"
+cmake --build "$build" --target fuzz_keysequence fuzz_translation fuzz_serversetup -j"$(nproc)"
 
 # run_fuzzer NAME DICTIONARY MAX_LEN SEED_DIR...
 run_fuzzer() {
@@ -28,3 +29,4 @@ run_fuzzer() {
 
 run_fuzzer fuzz_keysequence "$root/fuzz/keysequence.dict" 1024 "$root/fuzz/corpus/keysequence"
 run_fuzzer fuzz_translation "$root/fuzz/translation.dict" 4096 "$root/tests/translation/golden"
+run_fuzzer fuzz_serversetup "$root/fuzz/serversetup.dict" 4096 "$root/fuzz/corpus/serversetup"

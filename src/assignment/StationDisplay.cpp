@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <limits>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -39,45 +40,18 @@ constexpr int atomReplyTimeoutMs = 2000;
 // A PutImage request has a 24-byte header, 28 with the BIG-REQUESTS length.
 constexpr uint32_t putImageHeaderBytes = 28;
 
-// The visual type of the screen's root visual, or null.
-const xcb_visualtype_t* findRootVisual(const xcb_screen_t* screen)
-{
-    for (auto depths = xcb_screen_allowed_depths_iterator(screen); depths.rem;
-         xcb_depth_next(&depths)) {
-        for (auto visuals = xcb_depth_visuals_iterator(depths.data); visuals.rem;
-             xcb_visualtype_next(&visuals)) {
-            if (visuals.data->visual_id == screen->root_visual) {
-                return visuals.data;
-            }
-        }
-    }
-    return nullptr;
-}
-
-// The server's pixmap format with this depth and pixel size, or null.
-const xcb_format_t* findFormat(const xcb_setup_t* setup, uint8_t depth, uint8_t bitsPerPixel)
-{
-    const xcb_format_t* formats = xcb_setup_pixmap_formats(setup);
-    const int count = xcb_setup_pixmap_formats_length(setup);
-    for (int i = 0; i < count; ++i) {
-        if (formats[i].depth == depth && formats[i].bits_per_pixel == bitsPerPixel) {
-            return &formats[i];
-        }
-    }
-    return nullptr;
-}
-
 // The rows of `upload`, one after the other, each padded to the server's
 // scanline pad. Qt pads its rows to 32 bits, which is what the servers in use
 // ask for; only another pad needs a copy.
-QByteArray paddedRows(const QImage& upload, uint32_t stride)
+// The caller made sure that `bytes`, stride times the height, fits a QByteArray.
+QByteArray paddedRows(const QImage& upload, size_t stride, size_t bytes)
 {
-    if (static_cast<uint32_t>(upload.bytesPerLine()) == stride) {
+    if (static_cast<size_t>(upload.bytesPerLine()) == stride) {
         return QByteArray::fromRawData(reinterpret_cast<const char*>(upload.constBits()),
-                                       static_cast<int>(stride * upload.height()));
+                                       static_cast<int>(bytes));
     }
-    QByteArray rows(static_cast<int>(stride * upload.height()), '\0');
-    const int used = qMin<int>(upload.bytesPerLine(), static_cast<int>(stride));
+    QByteArray rows(static_cast<int>(bytes), '\0');
+    const size_t used = qMin(static_cast<size_t>(upload.bytesPerLine()), stride);
     for (int y = 0; y < upload.height(); ++y) {
         memcpy(rows.data() + static_cast<size_t>(y) * stride, upload.constScanLine(y), used);
     }
@@ -172,6 +146,24 @@ bool connectUnixSocket(int fd, const QByteArray& path)
     return connect(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0;
 }
 
+// Warns when the server on the other end of `fd` runs under an account that is
+// neither root nor this daemon's own: someone else may have taken the display's
+// socket first. The server is used all the same.
+void warnAboutForeignServer(int fd, int displayId)
+{
+    ucred peer{};
+    socklen_t length = sizeof(peer);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        return;
+    }
+    if (peer.uid == 0 || peer.uid == geteuid()) {
+        return;
+    }
+    SELVANE_LOG(LEVEL_WARNING,
+                "Display :%d is served by uid %u (pid %d), neither root nor this daemon's account",
+                displayId, static_cast<unsigned>(peer.uid), static_cast<int>(peer.pid));
+}
+
 } // namespace
 
 StationDisplay::StationDisplay(int display, Listener* displayListener)
@@ -219,7 +211,7 @@ void StationDisplay::update()
 
 bool StationDisplay::show(const OverlayContent& content)
 {
-    if (!connection || !screen) {
+    if (!connection || !window || verdict != ServerSetupCheck::Verdict::USABLE) {
         return false;
     }
     OverlayContent labelled = content;
@@ -325,17 +317,91 @@ bool StationDisplay::openDisplay()
         return false;
     }
     connection = std::move(opened);
-    xcb_connection_t* c = connection.get();
-
-    screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
-    if (!screen) {
-        // The connection is kept: a server without a screen is not tried again.
-        SELVANE_LOG(LEVEL_WARNING, "Could not find a screen to use on display :%d", displayId);
+    warnAboutForeignServer(xcb_get_file_descriptor(connection.get()), displayId);
+    // A refused server keeps its connection: it is not asked again until it
+    // goes, and a screen too large may still shrink.
+    if (!acceptSetup()) {
         return false;
     }
-    width = screen->width_in_pixels;
-    height = screen->height_in_pixels;
+    createWindow();
+    return true;
+}
 
+bool StationDisplay::acceptSetup()
+{
+    const xcb_setup_t* setup = xcb_get_setup(connection.get());
+    const auto* bytes = reinterpret_cast<const uint8_t*>(setup);
+    setupCheck.emplace(bytes, 8 + 4 * static_cast<size_t>(setup->length));
+    verdict = setupCheck->getVerdict();
+    if (verdict == ServerSetupCheck::Verdict::MALFORMED ||
+        verdict == ServerSetupCheck::Verdict::NO_SCREEN) {
+        logRefusal();
+        return false;
+    }
+    // The check found the first screen's whole record within the reply.
+    screen = reinterpret_cast<const xcb_screen_t*>(bytes + setupCheck->getScreenOffset());
+    width = setupCheck->getWidth();
+    height = setupCheck->getHeight();
+    // Listened to also while the screen is refused: a change of its size may
+    // make it usable.
+    selectScreenChanges();
+    if (verdict != ServerSetupCheck::Verdict::USABLE) {
+        logRefusal();
+        return false;
+    }
+    return true;
+}
+
+void StationDisplay::logRefusal() const
+{
+    switch (verdict) {
+    case ServerSetupCheck::Verdict::USABLE:
+        return;
+    case ServerSetupCheck::Verdict::MALFORMED:
+        SELVANE_LOG(LEVEL_WARNING, "Refusing display :%d: its X setup is malformed", displayId);
+        return;
+    case ServerSetupCheck::Verdict::NO_SCREEN:
+        SELVANE_LOG(LEVEL_WARNING, "Could not find a screen to use on display :%d", displayId);
+        return;
+    case ServerSetupCheck::Verdict::SCREEN_TOO_LARGE:
+        SELVANE_LOG(LEVEL_WARNING, "Refusing display :%d: its screen of %ux%u is larger than %ux%u",
+                    displayId, width, height, ServerSetupCheck::maximumScreenSide,
+                    ServerSetupCheck::maximumScreenSide);
+        return;
+    case ServerSetupCheck::Verdict::NO_PIXMAP_FORMAT:
+        SELVANE_LOG(LEVEL_WARNING, "Refusing display :%d: no usable pixmap format", displayId);
+        return;
+    }
+}
+
+void StationDisplay::selectScreenChanges()
+{
+    // A request of an extension the server lacks would end the connection.
+    xcb_connection_t* c = connection.get();
+    const xcb_query_extension_reply_t* randr = xcb_get_extension_data(c, &xcb_randr_id);
+    if (randr && randr->present) {
+        randrEventBase = randr->first_event;
+        xcb_randr_select_input(c, screen->root, XCB_RANDR_NOTIFY_MASK_SCREEN_CHANGE);
+        xcb_flush(c);
+    }
+}
+
+void StationDisplay::hideWindow()
+{
+    xcb_connection_t* c = connection.get();
+    if (pixmap) {
+        xcb_free_pixmap(c, pixmap);
+        pixmap = 0;
+    }
+    if (window) {
+        xcb_unmap_window(c, window);
+    }
+    xcb_flush(c);
+}
+
+void StationDisplay::createWindow()
+{
+    xcb_connection_t* c = connection.get();
     window = xcb_generate_id(c);
     const std::array<uint32_t, 2> windowValues = {
         screen->white_pixel, XCB_EVENT_MASK_EXPOSURE | XCB_EVENT_MASK_VISIBILITY_CHANGE |
@@ -344,12 +410,6 @@ bool StationDisplay::openDisplay()
                       static_cast<uint16_t>(width), static_cast<uint16_t>(height), 1,
                       XCB_WINDOW_CLASS_INPUT_OUTPUT, screen->root_visual,
                       XCB_CW_BACK_PIXEL | XCB_CW_EVENT_MASK, windowValues.data());
-
-    xcb_randr_select_input(c, screen->root, XCB_RANDR_NOTIFY_MASK_SCREEN_CHANGE);
-    const xcb_query_extension_reply_t* randr = xcb_get_extension_data(c, &xcb_randr_id);
-    if (randr && randr->present) {
-        randrEventBase = randr->first_event;
-    }
 
     const uint32_t overrideRedirect = 1;
     xcb_change_window_attributes(c, window, XCB_CW_OVERRIDE_REDIRECT, &overrideRedirect);
@@ -379,7 +439,6 @@ bool StationDisplay::openDisplay()
     xcb_map_window(c, window);
     xcb_flush(c);
     loadKeymap();
-    return true;
 }
 
 void StationDisplay::handleEvent(const xcb_generic_event_t& event)
@@ -423,9 +482,31 @@ void StationDisplay::handleEvent(const xcb_generic_event_t& event)
     }
     width = change.width;
     height = change.height;
+    const ServerSetupCheck::Verdict previous =
+        std::exchange(verdict, setupCheck->verdictAt(width, height));
+    if (verdict != ServerSetupCheck::Verdict::USABLE) {
+        // Once for each reason in a row, however many changes keep it.
+        if (verdict != previous) {
+            logRefusal();
+        }
+        hideWindow();
+        return;
+    }
+    const bool wasRefused = previous != ServerSetupCheck::Verdict::USABLE;
+    // Refused since the setup: the display is used for the first time.
+    if (!window) {
+        createWindow();
+        if (listener) {
+            listener->connected(width, height);
+        }
+        return;
+    }
     const std::array<uint32_t, 2> size = {width, height};
     xcb_configure_window(connection.get(), window,
                          XCB_CONFIG_WINDOW_WIDTH | XCB_CONFIG_WINDOW_HEIGHT, size.data());
+    if (wasRefused) {
+        xcb_map_window(connection.get(), window);
+    }
     if (listener) {
         listener->screenSizeChanged(width, height);
     }
@@ -560,46 +641,38 @@ bool StationDisplay::createXImage()
         xcb_free_pixmap(c, pixmap);
         pixmap = 0;
     }
-    const xcb_visualtype_t* visual = findRootVisual(screen);
-    if (!visual) {
+    // The setup's check chose the format; it has none when the screen's root
+    // visual is not among its visuals.
+    const std::optional<ServerSetupCheck::PixmapFormat>& uploadFormat = setupCheck->getFormat();
+    if (!uploadFormat) {
         SELVANE_LOG(LEVEL_WARNING, "Cannot get visual");
         return false;
     }
-    // A 16-bit screen takes RGB 5-6-5 in 16-bit pixels, anything else 8 bits a
-    // colour in 32-bit pixels. Some servers (Xvfb) announce 8 bits per RGB
-    // value on their 16-bit visual, so the screen's depth decides too.
-    const bool sixteenBits = visual->bits_per_rgb_value == 5 || visual->bits_per_rgb_value == 6 ||
-                             screen->root_depth == 16;
-    const uint8_t depth = sixteenBits ? 16 : 24;
-    const uint8_t bitsPerPixel = sixteenBits ? 16 : 32;
-    const xcb_setup_t* setup = xcb_get_setup(c);
-    const xcb_format_t* format = findFormat(setup, depth, bitsPerPixel);
-    if (!format) {
-        SELVANE_LOG(LEVEL_WARNING, "Could not find format");
-        return false;
-    }
+    const bool sixteenBits = uploadFormat->depth == 16;
+    const uint8_t depth = uploadFormat->depth;
     // The picture is converted to the server's pixel layout where it stands:
     // from the painted 32-bit picture that needs no second buffer, which on a
     // 3840x2160 screen would be 33 MB to fill and free again on every redraw.
     image.convertTo(sixteenBits ? QImage::Format_RGB16 : QImage::Format_RGB32);
-    const uint32_t stride =
-        ((image.width() * bitsPerPixel + format->scanline_pad - 1) / format->scanline_pad) *
-        format->scanline_pad / 8;
-    const QByteArray rows = paddedRows(image, stride);
+    const auto imageWidth = static_cast<uint32_t>(image.width());
+    const auto imageHeight = static_cast<uint32_t>(image.height());
+    const std::optional<size_t> stride = uploadFormat->rowBytes(imageWidth);
+    const std::optional<size_t> bytes = uploadFormat->imageBytes(imageWidth, imageHeight);
     // One PutImage request carries at most the server's maximum request
     // length (in 4-byte units): a big picture goes up in bands of rows.
-    const uint32_t maximumBytes = xcb_get_maximum_request_length(c) * 4;
-    const uint32_t bandRows =
-        maximumBytes > putImageHeaderBytes ? (maximumBytes - putImageHeaderBytes) / stride : 0;
-    if (bandRows < 1) {
+    const size_t maximumBytes = static_cast<size_t>(xcb_get_maximum_request_length(c)) * 4;
+    const size_t bandRows = stride && *stride > 0 && maximumBytes > putImageHeaderBytes
+                                ? (maximumBytes - putImageHeaderBytes) / *stride
+                                : 0;
+    if (!bytes || *bytes > static_cast<size_t>(std::numeric_limits<int>::max()) || bandRows < 1) {
         SELVANE_LOG(LEVEL_WARNING, "Could not create image");
         return false;
     }
+    const QByteArray rows = paddedRows(image, *stride, *bytes);
 
-    const auto imageWidth = static_cast<uint16_t>(image.width());
-    const auto imageHeight = static_cast<uint16_t>(image.height());
     pixmap = xcb_generate_id(c);
-    xcb_create_pixmap(c, depth, pixmap, window, imageWidth, imageHeight);
+    xcb_create_pixmap(c, depth, pixmap, window, static_cast<uint16_t>(imageWidth),
+                      static_cast<uint16_t>(imageHeight));
     if (gc) {
         xcb_free_gc(c, gc);
     }
@@ -607,11 +680,11 @@ bool StationDisplay::createXImage()
     const std::array<uint32_t, 2> gcValues = {screen->black_pixel, 0xffffff};
     xcb_create_gc(c, gc, pixmap, XCB_GC_FOREGROUND | XCB_GC_BACKGROUND, gcValues.data());
     const auto* data = reinterpret_cast<const uint8_t*>(rows.constData());
-    for (uint32_t top = 0; top < imageHeight; top += bandRows) {
-        const uint32_t bandHeight = qMin<uint32_t>(bandRows, imageHeight - top);
-        xcb_put_image(c, XCB_IMAGE_FORMAT_Z_PIXMAP, pixmap, gc, imageWidth,
+    for (size_t top = 0; top < imageHeight; top += bandRows) {
+        const size_t bandHeight = qMin(bandRows, imageHeight - top);
+        xcb_put_image(c, XCB_IMAGE_FORMAT_Z_PIXMAP, pixmap, gc, static_cast<uint16_t>(imageWidth),
                       static_cast<uint16_t>(bandHeight), 0, static_cast<int16_t>(top), 0, depth,
-                      bandHeight * stride, data + static_cast<size_t>(top) * stride);
+                      static_cast<uint32_t>(bandHeight * *stride), data + top * *stride);
     }
     xcb_flush(c);
     return true;
@@ -664,6 +737,9 @@ void StationDisplay::releaseConnection()
     }
     connection.reset();
     screen = nullptr;
+    setupCheck.reset();
+    verdict = ServerSetupCheck::Verdict::USABLE;
+    randrEventBase = 0;
     keymap.forget();
     keymapChanged = false;
 }

@@ -2,6 +2,7 @@
 
 #include "assignment/OverlayComposer.h"
 #include "assignment/OverlayContent.h"
+#include "assignment/ServerSetupCheck.h"
 #include "assignment/StationKeymap.h"
 #include "assignment/XcbHandles.h"
 
@@ -10,6 +11,7 @@
 #include <xcb/xcb.h>
 
 #include <cstdint>
+#include <optional>
 
 class QDeadlineTimer;
 
@@ -91,6 +93,17 @@ public:
 private:
     // A connected socket to the server, or -1 (logged by the caller).
     int connectSocket() const;
+    // Checks the server's setup (ServerSetupCheck) and takes its first screen;
+    // false, logged, when the display is refused. A screen too large is taken
+    // all the same, so that a RandR change to a size that fits can use it.
+    bool acceptSetup();
+    // The Warning that says why `verdict` refuses the display; nothing for a usable one.
+    void logRefusal() const;
+    void selectScreenChanges();
+    // Creates, dresses and maps the overlay window on the accepted screen.
+    void createWindow();
+    // A screen refused after a RandR change shows nothing until the next change.
+    void hideWindow();
     void handleEvent(const xcb_generic_event_t& event);
     void loadKeymap();
     // Logs a label that differs from the US one, once per keyboard step.
@@ -103,7 +116,8 @@ private:
     int displayId;
     Listener* listener;
     XcbConnection connection;
-    xcb_screen_t* screen = nullptr;
+    // The first screen's record in the connection's setup, once checked.
+    const xcb_screen_t* screen = nullptr;
     xcb_window_t window = 0;
     uint32_t width = 0;
     uint32_t height = 0;
@@ -120,4 +134,8 @@ private:
     xcb_pixmap_t pixmap = 0;
     xcb_gcontext_t gc = 0;
     uint8_t randrEventBase = 0;
+    // The check of the connection's setup, which it reads from xcb's copy.
+    std::optional<ServerSetupCheck> setupCheck;
+    // At the screen's current size; the display is drawn on only when USABLE.
+    ServerSetupCheck::Verdict verdict = ServerSetupCheck::Verdict::USABLE;
 };
