@@ -69,7 +69,7 @@ bool moveAboveStandardDescriptors(int& fd)
     return true;
 }
 
-bool fork(LauncherProcess::Privileges privileges)
+bool forkLauncher(LauncherProcess::Privileges privileges)
 {
     Launcher& state = launcher();
     state.state = LauncherState::GONE;
@@ -90,7 +90,7 @@ bool fork(LauncherProcess::Privileges privileges)
         SELVANE_LOG(LEVEL_ERROR, "Could not start the command launcher: %s", strerror(errno));
         return false;
     }
-    const pid_t pid = ::fork();
+    const pid_t pid = fork();
     if (pid < 0) {
         SELVANE_LOG(LEVEL_ERROR, "Could not start the command launcher: %s", strerror(errno));
         return false;
@@ -206,14 +206,14 @@ bool CommandLauncher::start()
     case LauncherProcess::Privileges::DROP_GROUPS:
         break;
     }
-    return fork(privileges);
+    return forkLauncher(privileges);
 }
 
 Orvanta::OwnedFd CommandLauncher::launch(const QByteArray& command,
                                          const QVector<QByteArray>& environment)
 {
     if (launcher().state == LauncherState::NOT_STARTED) {
-        fork(privilegesForCommands());
+        forkLauncher(privilegesForCommands());
     }
     if (launcher().state != LauncherState::RUNNING) {
         return Orvanta::OwnedFd();

@@ -126,6 +126,16 @@ private:
     // CAP_SETGID ambient; its commands write to a directory named `name`. The daemon's pid, 0
     // when it did not start.
     pid_t startDaemon(const QString& name, bool setgid);
+    struct ServiceRun
+    {
+        int status = -1;
+        QByteArray output;
+    };
+    // Runs the daemon's program with the arguments as the service account, with the input
+    // group and, with setgid, CAP_SETGID ambient, in the private mount namespace whose run
+    // and log directories are those under `base`.
+    ServiceRun runAsServiceAccount(const QString& base, bool setgid,
+                                   const QStringList& daemonArguments) const;
     bool typeCombination();
     QString daemonLog() const;
     int logCount(const QRegularExpression& pattern) const;
@@ -181,6 +191,41 @@ void CommandPrivilegesTest::cleanup()
     }
 }
 
+CommandPrivilegesTest::ServiceRun
+CommandPrivilegesTest::runAsServiceAccount(const QString& base, bool setgid,
+                                           const QStringList& daemonArguments) const
+{
+    QStringList arguments{"--run-dir",
+                          base + "/run",
+                          "--log-dir",
+                          base + "/log",
+                          "--",
+                          "setpriv",
+                          QStringLiteral("--reuid=%1").arg(serviceUid),
+                          QStringLiteral("--regid=%1").arg(serviceUid),
+                          QStringLiteral("--groups=%1").arg(inputGroup)};
+    if (setgid) {
+        arguments << "--inh-caps=+setgid"
+                  << "--ambient-caps=+setgid";
+    }
+    arguments << "--" << DaemonRunner::builtExecutable() << daemonArguments;
+    QProcess program;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("DBUS_SESSION_BUS_ADDRESS", busAddress);
+    environment.insert("HOME", base);
+    environment.remove("XDG_RUNTIME_DIR");
+    program.setProcessEnvironment(environment);
+    program.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    program.start(QString::fromLatin1(runIsolated), arguments);
+    ServiceRun result;
+    if (program.waitForFinished(DaemonRunner::defaultTimeoutMs) &&
+        program.exitStatus() == QProcess::NormalExit) {
+        result.status = program.exitCode();
+    }
+    result.output = program.readAllStandardOutput();
+    return result;
+}
+
 pid_t CommandPrivilegesTest::startDaemon(const QString& name, bool setgid)
 {
     const QString base = dir.filePath(name);
@@ -203,30 +248,9 @@ pid_t CommandPrivilegesTest::startDaemon(const QString& name, bool setgid)
         return 0;
     }
 
-    QStringList arguments{"--run-dir",
-                          base + "/run",
-                          "--log-dir",
-                          base + "/log",
-                          "--",
-                          "setpriv",
-                          QStringLiteral("--reuid=%1").arg(serviceUid),
-                          QStringLiteral("--regid=%1").arg(serviceUid),
-                          QStringLiteral("--groups=%1").arg(inputGroup)};
-    if (setgid) {
-        arguments << "--inh-caps=+setgid"
-                  << "--ambient-caps=+setgid";
-    }
-    arguments << "--" << DaemonRunner::builtExecutable() << "-c" << config;
-    QProcess foreground;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("DBUS_SESSION_BUS_ADDRESS", busAddress);
-    environment.insert("HOME", base);
-    environment.remove("XDG_RUNTIME_DIR");
-    foreground.setProcessEnvironment(environment);
-    foreground.setProcessChannelMode(QProcess::ForwardedChannels);
-    foreground.start(QString::fromLatin1(runIsolated), arguments);
-    if (!foreground.waitForFinished(DaemonRunner::defaultTimeoutMs) || foreground.exitCode() != 0) {
-        qWarning("the daemon did not start (status %d)", foreground.exitCode());
+    const ServiceRun start = runAsServiceAccount(base, setgid, {"-c", config});
+    if (start.status != 0) {
+        qWarning("the daemon did not start (status %d)", start.status);
         return 0;
     }
     pid_t pid = 0;
@@ -334,6 +358,18 @@ void CommandPrivilegesTest::commandsHoldNeitherTheInputGroupNorAnyCapability()
     QVERIFY2(DaemonRunner::waitUntil([&] { return DaemonRunner::readLines(runs).size() == 2; },
                                      commandTimeoutMs),
              qPrintable(daemonLog()));
+
+    // Its own account still finds the undumpable daemon: --pid, the running check, --stop.
+    const QString base = QFileInfo(outDir).path();
+    const ServiceRun pid = runAsServiceAccount(base, false, {"--pid"});
+    QCOMPARE(pid.status, 0);
+    QCOMPARE(pid.output, QByteArray::number(daemon) + '\n');
+    const ServiceRun second = runAsServiceAccount(base, false, {"-c", base + "/keys.conf"});
+    QCOMPARE(second.status, 1);
+    QVERIFY2(second.output.startsWith("Program is already running."), second.output.constData());
+    QCOMPARE(runAsServiceAccount(base, false, {"--stop"}).status, 0);
+    QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+    daemon = 0;
 }
 
 void CommandPrivilegesTest::withoutSetgidCommandsKeepTheGroupsAfterAWarning()
