@@ -21,7 +21,7 @@ fail() {
     exit 1
 }
 pass() {
-    echo "ok: $*"
+    echo "ok [${SECONDS} s]: $*"
 }
 # Runs the command until it succeeds, for at most $deadline_seconds.
 wait_for() {
@@ -49,7 +49,9 @@ unit=$(dpkg --listfiles orvanta-selvane | grep '/systemd/system/orvanta-selvane\
 account=$(unit_setting User)
 pid_file=$(unit_setting PIDFile)
 log=$(dpkg --listfiles orvanta-selvane | grep '/tmpfiles\.d/' | xargs sed -n 's/^f \([^ ]*\) .*/\1/p')
-[ -n "$account" ] && [ -n "$pid_file" ] && [ -n "$log" ] || fail "cannot find account, pid file and log"
+if [ -z "$account" ] || [ -z "$pid_file" ] || [ -z "$log" ]; then
+    fail "cannot find account, pid file and log"
+fi
 uid=$(id -u "$account") || fail "postinst made no account $account"
 pass "dpkg installed the package; the unit is $unit, the account $account ($uid)"
 [ "$(systemctl is-enabled orvanta-selvane.service)" = enabled ] || fail "the unit is not enabled"
@@ -78,7 +80,7 @@ wait_for log_has "Connection established" || fail "the daemon did not join the b
 main_pid=$(systemctl show --property=MainPID --value orvanta-selvane.service)
 [ "$(cat "$pid_file")" = "$main_pid" ] || fail "the pid file does not name the main process $main_pid"
 status=$(cat "/proc/$main_pid/status")
-grep -q "^Uid:[[:space:]]*$uid[[:space:]]" <<<"$status" || fail "the daemon does not run as $account"
+grep -q "^Uid:[[:space:]]*${uid}[[:space:]]" <<<"$status" || fail "the daemon does not run as $account"
 grep -q '^NoNewPrivs:[[:space:]]*1$' <<<"$status" || fail "the daemon may gain privileges"
 grep -q '^Seccomp:[[:space:]]*2$' <<<"$status" || fail "the daemon has no system call filter"
 pass "systemd started the unit: the daemon $main_pid runs as $account, filtered, in its pid file"
