@@ -79,12 +79,32 @@ private Q_SLOTS:
                  verify.describe());
     }
 
+    void systemdRatesTheUnitsSandboxAsExposedAtMost3_5()
+    {
+        // "→ Overall exposure level for orvanta-selvane.service: 2.6 OK 🙂",
+        // from 0 (no exposure) to 10, for the unit with its capability.
+        const ToolRun security =
+            ToolRun::run(QStringLiteral("systemd-analyze"),
+                         {QStringLiteral("security"), QStringLiteral("--offline=true"), unitFile});
+        QVERIFY2(security.status == 0, security.describe());
+        const QRegularExpressionMatch overall =
+            QRegularExpression(QStringLiteral(R"(Overall exposure level for \S+: (\d+\.\d) )"))
+                .match(QString::fromUtf8(security.standardOutput));
+        QVERIFY2(overall.hasMatch(), security.describe());
+        qInfo("%s", qPrintable(overall.captured(0)));
+        QVERIFY2(overall.captured(1).toDouble() <= 3.5, security.describe());
+    }
+
     void theUnitRunsTheForkingDaemonWithItsPidFileAndKeyConfiguration()
     {
         QCOMPARE(unitSetting(QStringLiteral("Type")), QStringLiteral("forking"));
         QCOMPARE(unitSetting(QStringLiteral("PIDFile")), QStringLiteral(SELVANE_UNIT_PID_FILE));
         QCOMPARE(unitSetting(QStringLiteral("User")), QStringLiteral(SELVANE_USER));
         QCOMPARE(unitSetting(QStringLiteral("SupplementaryGroups")), QStringLiteral("input"));
+        // The capability the command launcher needs to drop the group input.
+        QCOMPARE(unitSetting(QStringLiteral("AmbientCapabilities")), QStringLiteral("CAP_SETGID"));
+        QCOMPARE(unitSetting(QStringLiteral("CapabilityBoundingSet")),
+                 QStringLiteral("CAP_SETGID"));
         QCOMPARE(unitSetting(QStringLiteral("Restart")), QStringLiteral("on-failure"));
         // A reload is the daemon's SIGHUP.
         QCOMPARE(unitSetting(QStringLiteral("ExecReload")),
