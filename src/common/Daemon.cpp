@@ -103,8 +103,7 @@ QByteArray writeTemporaryPidFile(const QByteArray& pidFile)
         QFile::encodeName(info.path()) + "/." + QFile::encodeName(info.fileName()) + '.';
     const QByteArray pid = QByteArray::number(static_cast<qint64>(getpid()));
     for (int attempt = 0; attempt < temporaryNameAttempts; ++attempt) {
-        const QByteArray path =
-            prefix + QByteArray::number(QRandomGenerator::system()->generate64(), 16);
+        QByteArray path = prefix + QByteArray::number(QRandomGenerator::system()->generate64(), 16);
         OwnedFd file(
             open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644));
         if (file.get() < 0 && errno == EEXIST) {
