@@ -4,6 +4,7 @@
 #include "assignment/AssignmentAction.h"
 #include "assignment/StationThread.h"
 #include "common/Logger.h"
+#include "common/Util.h"
 #include "input/EventDevice.h"
 #include "input/InputKeyCode.h"
 #include "input/LedBlinker.h"
@@ -77,7 +78,7 @@ bool AssignmentHandler::addUnassignedDevice(QString deviceFileName)
     if (getEventDevice(deviceFileName)) {
         return true;
     }
-    SELVANE_LOG(LEVEL_INFO, "Adding unassigned device " + deviceFileName);
+    SELVANE_LOG(LEVEL_INFO, "Adding unassigned device " + Orvanta::escapeForLog(deviceFileName));
     auto* device = new EventDevice(deviceFileName);
     if (device->getFd() == -1) {
         delete device;
@@ -94,7 +95,8 @@ bool AssignmentHandler::addUnassignedDevice(QString deviceFileName)
 void AssignmentHandler::removeUnassignedDevice(QString deviceFileName)
 {
     if (EventDevice* device = getEventDevice(deviceFileName)) {
-        SELVANE_LOG(LEVEL_INFO, "Removing unassigned device " + deviceFileName);
+        SELVANE_LOG(LEVEL_INFO,
+                    "Removing unassigned device " + Orvanta::escapeForLog(deviceFileName));
         deleteLedBlinker(device);
         unassignedDevices.removeOne(device);
         delete device;
@@ -225,7 +227,8 @@ void AssignmentHandler::logStatus()
     SELVANE_LOG(LEVEL_INFO, "There are %d unassigned device(s) being managed:",
                 static_cast<int>(unassignedDevices.size()));
     for (const EventDevice* device : qAsConst(unassignedDevices)) {
-        SELVANE_LOG(LEVEL_INFO, "Unassigned device: " + device->getDeviceFileName());
+        SELVANE_LOG(LEVEL_INFO,
+                    "Unassigned device: " + Orvanta::escapeForLog(device->getDeviceFileName()));
     }
     SELVANE_LOG(LEVEL_INFO, "There are %d display configuration(s) active:",
                 static_cast<int>(displayConfigurations.size()));

@@ -4,6 +4,7 @@
 #include "common/Logger.h"
 #include "common/PendingCallGroup.h"
 #include "common/RemoteObjectProxy.h"
+#include "common/Util.h"
 #include "daemon/DBusInterface.h"
 #include "daemon/Selvane.h"
 #include "input/EventDevice.h"
@@ -332,7 +333,8 @@ void DisplayConfiguration::determineLanguage(const Selvane& central, QString loc
         language = central.getLanguage(candidate);
     }
     if (!language) {
-        SELVANE_LOG(LEVEL_WARNING, "Cannot find strings for language '" + locale +
+        SELVANE_LOG(LEVEL_WARNING, "Cannot find strings for language '" +
+                                       Orvanta::escapeForLog(locale) +
                                        "'.  Using language 'en' as a default");
         language = central.getLanguage(QStringLiteral("en"));
         if (!language) {

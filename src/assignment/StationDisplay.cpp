@@ -1,6 +1,7 @@
 #include "assignment/StationDisplay.h"
 
 #include "common/Logger.h"
+#include "common/Util.h"
 
 #include <QByteArray>
 #include <QDeadlineTimer>
@@ -244,10 +245,10 @@ void StationDisplay::logKeyLabel(const OverlayContent& content)
         return;
     }
     loggedKeyLabel = logged;
-    SELVANE_LOG(LEVEL_INFO,
-                QStringLiteral("Station %1 shows key %2 for %3 (layout %4)")
-                    .arg(content.stationId)
-                    .arg(content.keyLabel, content.assignmentKey, keymap.getLayoutName()));
+    SELVANE_LOG(LEVEL_INFO, QStringLiteral("Station %1 shows key %2 for %3 (layout %4)")
+                                .arg(content.stationId)
+                                .arg(Orvanta::escapeForLog(content.keyLabel), content.assignmentKey,
+                                     Orvanta::escapeForLog(keymap.getLayoutName())));
 }
 
 void StationDisplay::loadKeymap()

@@ -1,6 +1,7 @@
 #include "assignment/StationThread.h"
 
 #include "assignment/StationDisplay.h"
+#include "common/AlternateSignalStack.h"
 #include "common/Logger.h"
 
 #include <algorithm>
@@ -294,6 +295,8 @@ void StationThread::enforceConnectDeadline()
 
 void StationThread::run(const std::shared_ptr<Mailbox>& mailbox)
 {
+    // The crash report runs on it, should this thread overflow its stack.
+    const Orvanta::AlternateSignalStack signalStack;
     const std::string name = "station :" + std::to_string(mailbox->displayId);
     pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
     lowerPriority();

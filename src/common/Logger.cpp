@@ -9,6 +9,7 @@
 #include <QMessageLogContext>
 #include <QThread>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -34,6 +35,12 @@ std::recursive_mutex& loggerMutex()
 }
 
 using LoggerLock = std::lock_guard<std::recursive_mutex>;
+
+// What the crash report may write to, published under the lock.
+std::atomic<int> errorFd{-1};
+std::atomic<bool> standardOutputTakesErrors{false};
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
+              "read inside signal handlers");
 } // namespace
 
 Logger* Logger::instance = nullptr;
@@ -55,6 +62,23 @@ void Logger::closeLogFile()
     }
 }
 
+void Logger::publishErrorChannels() const
+{
+    const bool fileTakesErrors = fileThreshold >= LEVEL_ERROR && logFile->isOpen();
+    errorFd = fileTakesErrors ? logFile->handle() : -1;
+    standardOutputTakesErrors = standardOutputThreshold >= LEVEL_ERROR;
+}
+
+int Logger::errorFileDescriptor()
+{
+    return errorFd;
+}
+
+bool Logger::isStandardOutputTakingErrors()
+{
+    return standardOutputTakesErrors;
+}
+
 void Logger::initialize()
 {
     const LoggerLock lock(loggerMutex());
@@ -72,6 +96,8 @@ Logger* Logger::getInstance()
 void Logger::shutDown()
 {
     const LoggerLock lock(loggerMutex());
+    errorFd = -1;
+    standardOutputTakesErrors = false;
     delete instance;
     instance = nullptr;
 }
@@ -81,6 +107,7 @@ void Logger::enableStandardOutputChannel(Level level)
     const LoggerLock lock(loggerMutex());
     if (instance) {
         instance->standardOutputThreshold = level;
+        instance->publishErrorChannels();
     }
 }
 
@@ -96,6 +123,7 @@ void Logger::enableFileChannel(Level level, QString fileName, bool append)
             instance->closeLogFile();
         }
         instance->fileThreshold = level;
+        instance->publishErrorChannels();
         return;
     }
     if (level == LEVEL_DISABLED) {
@@ -117,6 +145,7 @@ void Logger::enableFileChannel(Level level, QString fileName, bool append)
     // signal and the other channels but never the file it announces.
     SELVANE_LOG(LEVEL_INFO, "Logfile opened: " + QFileInfo(fileName).absoluteFilePath());
     instance->fileThreshold = level;
+    instance->publishErrorChannels();
 }
 
 void Logger::reopenFileChannel()
@@ -135,8 +164,11 @@ void Logger::reopenFileChannel()
         SELVANE_LOG(LEVEL_ERROR, "Could not reopen logfile " + absolutePath);
         return;
     }
-    instance->closeLogFile();
-    instance->logFile = std::move(reopened);
+    // The crash report is given the new file before the old one is closed.
+    std::swap(instance->logFile, reopened);
+    instance->publishErrorChannels();
+    reopened->flush();
+    reopened->close();
     SELVANE_LOG(LEVEL_INFO, "Logfile reopened: " + absolutePath);
 }
 
@@ -274,7 +306,9 @@ void Logger::forwardQtMessage(QtMsgType type, const QMessageLogContext& context,
         level = LEVEL_ERROR;
         break;
     }
-    write(level, QStringLiteral("Qt"), QString::fromLatin1(context.category), context.line, text);
+    // Qt's messages quote what callers on the bus sent.
+    write(level, QStringLiteral("Qt"), QString::fromLatin1(context.category), context.line,
+          escapeForLog(text));
 }
 
 QString Logger::formatForLevel(QString time, Level level, QString file, QString function, int line,

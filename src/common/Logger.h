@@ -57,6 +57,13 @@ public:
     static QString levelToString(Level level);
     static Level stringToLevel(QString text);
 
+    // For the crash report, which may not take the lock: the descriptor of
+    // the file channel's file while that channel takes Error lines (-1 when
+    // not), and whether the standard-output channel takes them. Kept current
+    // as the channels change, the file's reopening included. Async-signal-safe.
+    static int errorFileDescriptor();
+    static bool isStandardOutputTakingErrors();
+
     // Sends Qt's own messages (qDebug, qWarning, ... from inside Qt) through
     // write() with the source file "Qt" and the message's category as function,
     // instead of to standard error. They are dropped while there is no
@@ -75,6 +82,7 @@ private:
     static QString formatForLevel(QString time, Level level, QString file, QString function,
                                   int line, QString message);
     void closeLogFile();
+    void publishErrorChannels() const;
     void writeToStandardOut(Level level, QString line);
     void writeToFile(Level level, QString line);
     void connectToDBus();

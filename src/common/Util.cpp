@@ -19,6 +19,28 @@ QString boolToString(bool value)
     return value ? QStringLiteral("true") : QStringLiteral("false");
 }
 
+QString escapeForLog(const QString& text)
+{
+    QString escaped;
+    escaped.reserve(text.size());
+    for (const QChar character : text) {
+        const char16_t code = character.unicode();
+        if (code == u'\n') {
+            escaped += QLatin1String("\\n");
+        } else if (code == u'\t') {
+            escaped += QLatin1String("\\t");
+        } else if (code == u'\\') {
+            escaped += QLatin1String("\\\\");
+        } else if (code < 0x20 || code == 0x7f) {
+            escaped +=
+                QStringLiteral("\\x%1").arg(static_cast<uint>(code), 2, 16, QLatin1Char('0'));
+        } else {
+            escaped += character;
+        }
+    }
+    return escaped;
+}
+
 bool openLatin1Path(QFile& file, const QString& fileName, QIODevice::OpenMode mode)
 {
     int flags = O_CLOEXEC;

@@ -14,6 +14,13 @@ qint64 utilSecondsSinceEpoch();
 // "true" or "false".
 QString boolToString(bool value);
 
+// The text with its line breaks, tabs, backslashes and other control
+// characters written as escapes ("\n", "\t", "\\", "\x1b", DEL as "\x7f"),
+// so that text from outside (the bus, device names, X servers) stays on its
+// one log line and cannot pass for lines of its own. Characters from 0x80 on
+// are kept.
+QString escapeForLog(const QString& text);
+
 // Opens the file whose path is the Latin-1 bytes of fileName. The command
 // line decodes its paths as Latin-1, one character per byte, so that every
 // byte reaches the log unchanged; this turns them back into the very bytes

@@ -1,6 +1,7 @@
 #include "daemon/DBusInterface.h"
 
 #include "common/Logger.h"
+#include "common/Util.h"
 #include "daemon/DBusCommand.h"
 
 #include <QDBusConnection>
@@ -47,15 +48,15 @@ bool DBusInterface::connect()
     }
     SELVANE_LOG(LEVEL_INFO, "Connecting to dbus...");
     if (!bus.registerService(QLatin1String(serviceName))) {
-        SELVANE_LOG(LEVEL_ERROR, QStringLiteral("Could not register service '") +
-                                     QLatin1String(serviceName) +
-                                     "'.  Error: " + bus.lastError().message());
+        SELVANE_LOG(LEVEL_ERROR,
+                    QStringLiteral("Could not register service '") + QLatin1String(serviceName) +
+                        "'.  Error: " + Orvanta::escapeForLog(bus.lastError().message()));
         return false;
     }
     if (!bus.registerObject(QLatin1String(objectPath), this, QDBusConnection::ExportAllSlots)) {
-        SELVANE_LOG(LEVEL_ERROR, QStringLiteral("Could not register object path '") +
-                                     QLatin1String(objectPath) +
-                                     "'.  Error: " + bus.lastError().message());
+        SELVANE_LOG(LEVEL_ERROR,
+                    QStringLiteral("Could not register object path '") + QLatin1String(objectPath) +
+                        "'.  Error: " + Orvanta::escapeForLog(bus.lastError().message()));
         return false;
     }
     SELVANE_LOG(LEVEL_INFO, "Connection established");

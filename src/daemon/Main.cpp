@@ -12,7 +12,6 @@
 #include "Paths.h"
 
 #include <QCoreApplication>
-#include <QFile>
 #include <QGuiApplication>
 
 #include <cerrno>
@@ -106,6 +105,13 @@ int main(int argc, char* argv[])
         return 1;
     }
 
+    // The pid file's directory belongs to the service account: what sits at
+    // the name must be a plain file, or a write through it could land anywhere.
+    if (!Orvanta::Daemon::isUsablePidFilePath(pidFile)) {
+        fprintf(stderr, "Refusing pid file %s: not a regular file\n", Orvanta::Paths::pidFile);
+        return 1;
+    }
+
     Orvanta::CrashHandler::install(pidFile);
     // SIGHUP asks for a reload. The relay hands signals over only once the
     // event loop runs, when the central object exists.
@@ -125,6 +131,9 @@ int main(int argc, char* argv[])
     // The parent exits with status 0 in here. Without a pid file the daemon
     // still runs, only --pid, --stop and the running check cannot see it.
     Orvanta::Daemon::start(pidFile);
+    // A start that fails from here on (exit(1) when the bus cannot be had)
+    // takes its pid file with it, as the normal end below does.
+    std::atexit([] { Orvanta::Daemon::removeOwnPidFile(Orvanta::Paths::pidFile); });
     // Still the only thread of the child: the launcher forks from a copy that holds no device,
     // and the capabilities given up here stay given up in every thread started later.
     CommandLauncher::start();
@@ -145,7 +154,7 @@ int main(int argc, char* argv[])
     selvane.reset();
 
     SELVANE_LOG(LEVEL_INFO, "selvane is exiting with exit code %d", result);
-    QFile::remove(pidFile);
+    Orvanta::Daemon::removeOwnPidFile(Orvanta::Paths::pidFile);
     Orvanta::Logger::shutDown();
     return 0;
 }

@@ -1,6 +1,7 @@
 #include "input/EventDevice.h"
 
 #include "common/Logger.h"
+#include "common/Util.h"
 
 #include <QFile>
 #include <QSocketNotifier>
@@ -81,31 +82,34 @@ int openDevice(const QString& path)
 
 EventDevice::EventDevice(QString path)
 {
+    // The path comes from a caller on the bus, the name from the device.
+    const QString shownPath = Orvanta::escapeForLog(path);
     fd = openDevice(path);
     if (fd == -1) {
-        SELVANE_LOG(LEVEL_WARNING, "Could not open " + path + " for reading.");
+        SELVANE_LOG(LEVEL_WARNING, "Could not open " + shownPath + " for reading.");
         return;
     }
-    SELVANE_LOG(LEVEL_INFO, "Opened " + path + " for reading ");
+    SELVANE_LOG(LEVEL_INFO, "Opened " + shownPath + " for reading ");
 
     char name[256] = {};
     if (ioctl(fd, EVIOCGNAME(sizeof name), name) >= 0) {
         // Byte for byte: the log writes Latin-1, so whatever bytes the kernel gave come out
         // unchanged.
         const QString deviceName = QString::fromLatin1(name, qstrnlen(name, sizeof name));
-        SELVANE_LOG(LEVEL_INFO, "Name of device at " + path + " is " + deviceName + ".");
+        SELVANE_LOG(LEVEL_INFO, "Name of device at " + shownPath + " is " +
+                                    Orvanta::escapeForLog(deviceName) + ".");
     }
 
     std::array<unsigned char, EV_MAX / 8 + 1> eventTypes{};
     if (ioctl(fd, EVIOCGBIT(0, eventTypes.size()), eventTypes.data()) == -1) {
-        SELVANE_LOG(LEVEL_WARNING, "Could not get event types for device " + path + ".");
+        SELVANE_LOG(LEVEL_WARNING, "Could not get event types for device " + shownPath + ".");
         closeDescriptor();
         return;
     }
     // Keyboards and mice alike report EV_KEY (keys or buttons); nothing else is usable.
     if (!testBit(eventTypes, EV_KEY)) {
         SELVANE_LOG(LEVEL_WARNING,
-                    "Device at " + path + " does not have keys.  It will not be used.");
+                    "Device at " + shownPath + " does not have keys.  It will not be used.");
         closeDescriptor();
         return;
     }
@@ -127,7 +131,7 @@ EventDevice::~EventDevice()
 {
     if (fd != -1) {
         closeDescriptor();
-        SELVANE_LOG(LEVEL_INFO, "Closed device " + deviceFileName);
+        SELVANE_LOG(LEVEL_INFO, "Closed device " + Orvanta::escapeForLog(deviceFileName));
     }
 }
 
@@ -175,7 +179,8 @@ void EventDevice::readDevice()
     if (error == shortRead) {
         SELVANE_LOG(LEVEL_ERROR, "Could not read a full event");
     } else if (error == ENODEV) {
-        SELVANE_LOG(LEVEL_INFO, "Device " + deviceFileName + " has been removed.  Closing device.");
+        SELVANE_LOG(LEVEL_INFO, "Device " + Orvanta::escapeForLog(deviceFileName) +
+                                    " has been removed.  Closing device.");
         closeDescriptor();
     } else if (error != 0) {
         SELVANE_LOG(LEVEL_ERROR, "read error: " + errorText(error));
@@ -341,8 +346,9 @@ void EventDevice::storeLedState()
     }
     LedBits bits{};
     if (ioctl(fd, EVIOCGLED(bits.size()), bits.data()) == -1) {
-        SELVANE_LOG(LEVEL_WARNING,
-                    "ioctl() error on device " + deviceFileName + " : " + errorText(errno));
+        SELVANE_LOG(LEVEL_WARNING, "ioctl() error on device " +
+                                       Orvanta::escapeForLog(deviceFileName) + " : " +
+                                       errorText(errno));
         return;
     }
     ledState = bits;
@@ -355,8 +361,9 @@ void EventDevice::restoreLedState()
     }
     for (int led = 0; led <= lastLedCode; ++led) {
         if (!writeLedEvent(led, testBit(ledState, led))) {
-            SELVANE_LOG(LEVEL_WARNING,
-                        "write() error on device " + deviceFileName + " : " + errorText(errno));
+            SELVANE_LOG(LEVEL_WARNING, "write() error on device " +
+                                           Orvanta::escapeForLog(deviceFileName) + " : " +
+                                           errorText(errno));
         }
     }
 }
@@ -375,11 +382,13 @@ void EventDevice::setLedOn(int ledCode, bool on)
     }
     const int error = errno;
     if (error == ENODEV) {
-        SELVANE_LOG(LEVEL_INFO, "Device " + deviceFileName + " has been removed.  Closing device.");
+        SELVANE_LOG(LEVEL_INFO, "Device " + Orvanta::escapeForLog(deviceFileName) +
+                                    " has been removed.  Closing device.");
         closeDescriptor();
     } else {
-        SELVANE_LOG(LEVEL_WARNING,
-                    "write() error on device " + deviceFileName + " : " + errorText(error));
+        SELVANE_LOG(LEVEL_WARNING, "write() error on device " +
+                                       Orvanta::escapeForLog(deviceFileName) + " : " +
+                                       errorText(error));
     }
 }
 

@@ -13,9 +13,37 @@
 
 namespace {
 constexpr char logSource[] = "AssignedDeviceHandler";
-// Lines are read in pieces of at most 255 characters; the rest of a longer
-// line is taken as a line of its own.
-constexpr int lineBufferSize = 256;
+// The longest line taken, its line break included. A longer one is refused
+// whole, so that no part of a command ever runs on its own.
+constexpr qint64 maxLineLength = 4096;
+
+enum class LineRead
+{
+    End,
+    Whole,
+    TooLong
+};
+
+// Reads the next line of the file, its line break included, into `line`. A
+// line longer than maxLineLength is read to its end and dropped.
+LineRead readLine(QFile& file, QByteArray& line)
+{
+    // One byte more than the longest line, to tell one from the other; the
+    // size given counts the terminating NUL byte of Qt's buffer as well.
+    line = file.readLine(maxLineLength + 2);
+    if (line.isEmpty()) {
+        return LineRead::End;
+    }
+    if (line.size() <= maxLineLength) {
+        return LineRead::Whole;
+    }
+    char byte = 0;
+    if (!line.endsWith('\n')) {
+        while (file.getChar(&byte) && byte != '\n') {
+        }
+    }
+    return LineRead::TooLong;
+}
 } // namespace
 
 AssignedDeviceHandler::AssignedDeviceHandler(QString configFileName)
@@ -45,17 +73,30 @@ bool AssignedDeviceHandler::parseConfigFile(QString configFileName)
     SELVANE_LOG(LEVEL_INFO, "Parsing config file " + configFileName);
 
     QVector<KeySequence*> sequences;
-    char buffer[lineBufferSize];
-    qint64 length;
-    while ((length = file.readLine(buffer, sizeof buffer)) > 0) {
+    QByteArray bytes;
+    int lineNumber = 0;
+    for (LineRead read; (read = readLine(file, bytes)) != LineRead::End;) {
+        ++lineNumber;
+        if (read == LineRead::TooLong) {
+            SELVANE_LOG(LEVEL_ERROR,
+                        "Line %d of the configuration file is longer than %d bytes.  Ignoring it.",
+                        lineNumber, static_cast<int>(maxLineLength));
+            continue;
+        }
+        if (bytes.contains('\0')) {
+            SELVANE_LOG(LEVEL_ERROR,
+                        "Line %d of the configuration file contains a NUL byte.  Ignoring it.",
+                        lineNumber);
+            continue;
+        }
         // Latin-1 keeps every byte of the file as it is, so the command later
         // reaches the shell unchanged. A line saved with Windows line endings
         // ends like any other, or its command would end in a carriage return.
-        if (length >= 2 && buffer[length - 2] == '\r' && buffer[length - 1] == '\n') {
-            buffer[length - 2] = '\n';
-            --length;
+        if (bytes.endsWith("\r\n")) {
+            bytes.chop(2);
+            bytes.append('\n');
         }
-        const QString line = QString::fromLatin1(buffer, static_cast<int>(length));
+        const QString line = QString::fromLatin1(bytes);
         // Only the first character decides: an indented comment is a bad line.
         if (line.at(0) == QLatin1Char('#') || line.at(0) == QLatin1Char('\n')) {
             continue;
@@ -135,7 +176,7 @@ bool AssignedDeviceHandler::addAssignedDevice(QString deviceFileName, int statio
     const int previousCount = assignedDevices.size();
     EventDevice* device = getEventDevice(deviceFileName);
     if (!device) {
-        SELVANE_LOG(LEVEL_INFO, "Adding assigned device " + deviceFileName);
+        SELVANE_LOG(LEVEL_INFO, "Adding assigned device " + Orvanta::escapeForLog(deviceFileName));
         device = new EventDevice(deviceFileName);
         if (device->getFd() == -1) {
             delete device;
@@ -156,11 +197,12 @@ void AssignedDeviceHandler::removeAssignedDevice(QString deviceFileName)
 {
     EventDevice* device = getEventDevice(deviceFileName);
     if (!device) {
-        SELVANE_LOG(LEVEL_WARNING, "The event device " + deviceFileName +
+        SELVANE_LOG(LEVEL_WARNING, "The event device " + Orvanta::escapeForLog(deviceFileName) +
                                        " is not being used.  There's nothing to remove");
         return;
     }
-    SELVANE_LOG(LEVEL_INFO, "Removing assigned device " + device->getDeviceFileName());
+    SELVANE_LOG(LEVEL_INFO,
+                "Removing assigned device " + Orvanta::escapeForLog(device->getDeviceFileName()));
     // Its pending triggers stay listed; they lose their device with it and can
     // never fire again.
     assignedDevices.removeOne(device);
@@ -216,7 +258,8 @@ void AssignedDeviceHandler::logStatus()
     SELVANE_LOG(LEVEL_INFO, "There are %d assigned device(s) being managed:",
                 static_cast<int>(assignedDevices.size()));
     for (const EventDevice* device : qAsConst(assignedDevices)) {
-        SELVANE_LOG(LEVEL_INFO, "Assigned device: " + device->getDeviceFileName());
+        SELVANE_LOG(LEVEL_INFO,
+                    "Assigned device: " + Orvanta::escapeForLog(device->getDeviceFileName()));
     }
 }
 

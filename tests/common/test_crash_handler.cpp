@@ -1,5 +1,6 @@
 #include "TestFiles.h"
 
+#include "common/AlternateSignalStack.h"
 #include "common/CrashHandler.h"
 #include "common/Logger.h"
 
@@ -10,10 +11,18 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <QElapsedTimer>
+
+#include <atomic>
+#include <chrono>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <dlfcn.h>
+#include <execinfo.h>
 #include <sys/mman.h>
+#include <thread>
 #include <unistd.h>
 
 using Orvanta::Logger;
@@ -26,13 +35,20 @@ const char scenarioVariable[] = "SELVANE_CRASH_SCENARIO";
 const char logVariable[] = "SELVANE_CRASH_LOG";
 const char pidVariable[] = "SELVANE_CRASH_PID_FILE";
 
-const QRegularExpression
-    headerLine(QStringLiteral(R"(^\[[^\]]+\] \[Error\] \[Main:segfault_handler:\d+\] )"
-                              R"(Received SIGSEGV\.  Backtrace:$)"));
-const QRegularExpression
-    frameLine(QStringLiteral(R"(^\[[^\]]+\] \[Error\] \[Main:segfault_handler:\d+\] \S.*$)"));
-const QRegularExpression exitingLine(
-    QStringLiteral(R"(^\[[^\]]+\] \[Error\] \[Main:segfault_handler:\d+\] Exiting\.$)"));
+// The timestamp as the logger writes it.
+const QString linePrefix = QStringLiteral(
+    R"(^\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] \[Error\] \[Main:segfault_handler:\d+\] )");
+
+QRegularExpression headerLine(const QString& signalName = QStringLiteral("SIGSEGV"))
+{
+    return QRegularExpression(linePrefix + QStringLiteral("Received ") + signalName +
+                              QStringLiteral(R"(\.  Backtrace:$)"));
+}
+const QRegularExpression frameLine(linePrefix + QStringLiteral(R"(\S.*$)"));
+const QRegularExpression exitingLine(linePrefix + QStringLiteral(R"(Exiting\.$)"));
+
+// Set by the crashing process when the handler's first frame line is to fault.
+std::atomic<bool> faultInFrameLines{false};
 
 // Reading it faults: a crash that no sanitizer takes for undefined behaviour.
 volatile char* inaccessiblePage()
@@ -54,6 +70,51 @@ Q_NEVER_INLINE long overflowTheStack(long depth)
     return overflowTheStack(depth + 1) + frame[0];
 }
 
+// Holds the logger's lock on a thread of its own for ever: the thread logs,
+// and the slot of the logger's signal, which runs under the lock, never
+// returns on that thread. Returns once the lock is held.
+void holdTheLoggersLock()
+{
+    static std::atomic<bool> held{false};
+    const auto mainThread = std::this_thread::get_id();
+    QObject::connect(
+        Logger::getInstance(), &Logger::message, Logger::getInstance(),
+        [mainThread] {
+            if (std::this_thread::get_id() == mainThread) {
+                return;
+            }
+            held = true;
+            for (;;) {
+                std::this_thread::sleep_for(std::chrono::hours(1));
+            }
+        },
+        Qt::DirectConnection);
+    std::thread([] {
+        const Orvanta::AlternateSignalStack stack;
+        Logger::write(Logger::LEVEL_INFO, QStringLiteral("Test"), QStringLiteral("hold"), 1,
+                      QStringLiteral("holding the lock"));
+    }).detach();
+    while (!held) {
+        std::this_thread::yield();
+    }
+}
+
+// Ends the process with the named signal, as a fault or an abort would.
+void raiseFatal(const QByteArray& name, volatile char* page)
+{
+    if (name == "SIGSEGV") {
+        (void)page[0];
+    } else if (name == "SIGBUS") {
+        raise(SIGBUS);
+    } else if (name == "SIGFPE") {
+        raise(SIGFPE);
+    } else if (name == "SIGILL") {
+        raise(SIGILL);
+    } else if (name == "SIGABRT") {
+        abort();
+    }
+}
+
 // The crashing process. Never returns.
 [[noreturn]] void crash(const QByteArray& scenario)
 {
@@ -70,15 +131,43 @@ Q_NEVER_INLINE long overflowTheStack(long depth)
     }
     if (scenario == "stack-overflow") {
         overflowTheStack(0);
+    } else if (scenario == "thread-stack-overflow") {
+        // As a station's thread runs: with a signal stack of its own.
+        std::thread([] {
+            const Orvanta::AlternateSignalStack stack;
+            if (stack.isValid()) {
+                overflowTheStack(0);
+            }
+        }).join();
     } else if (scenario == "fault-in-handler") {
-        // The report's first line faults again, inside the handler.
-        QObject::connect(Logger::getInstance(), &Logger::message, [page] { (void)page[0]; });
+        // The report's first frame line faults again, inside the handler.
+        faultInFrameLines = true;
         (void)page[0];
+    } else if (scenario.startsWith("lock-held:")) {
+        holdTheLoggersLock();
+        // The parent times the report from here.
+        const char ready[] = "raising\n";
+        if (write(STDOUT_FILENO, ready, sizeof(ready) - 1) < 0) {
+            _exit(5);
+        }
+        raiseFatal(scenario.mid(static_cast<qsizetype>(strlen("lock-held:"))), page);
     }
     _exit(4);
 }
 
 } // namespace
+
+// Stands in for the C library's, which the crash handler calls for every frame
+// line: the fault-in-handler scenario makes it fault.
+extern "C" void backtrace_symbols_fd(void* const* frames, int count, int fd)
+{
+    if (faultInFrameLines) {
+        (void)inaccessiblePage()[0];
+    }
+    using Function = void (*)(void* const*, int, int);
+    static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "backtrace_symbols_fd"));
+    next(frames, count, fd);
+}
 
 class CrashHandlerTest : public QObject
 {
@@ -89,8 +178,9 @@ private:
     QString logFile;
     QString pidFile;
 
-    // Runs the crashing process; its exit status, or -1 when it did not exit.
-    int runCrash(const QString& scenario)
+    // Runs the crashing process; its exit status, or -1 when it did not exit
+    // (within boundMs of its "raising" line, when it writes one).
+    int runCrash(const QString& scenario, int boundMs = 0)
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(scenarioVariable, scenario);
@@ -101,12 +191,23 @@ private:
         const QString asanOptions = environment.value(QStringLiteral("ASAN_OPTIONS"));
         environment.insert(QStringLiteral("ASAN_OPTIONS"),
                            (asanOptions.isEmpty() ? QString() : asanOptions + ':') +
-                               QStringLiteral("handle_segv=0:use_sigaltstack=0"));
+                               QStringLiteral("handle_segv=0:handle_sigbus=0:handle_sigfpe=0:"
+                                              "handle_sigill=0:handle_abort=0:use_sigaltstack=0"));
         QProcess process;
         process.setProcessEnvironment(environment);
-        process.setProcessChannelMode(QProcess::ForwardedChannels);
+        process.setProcessChannelMode(boundMs > 0 ? QProcess::ForwardedErrorChannel
+                                                  : QProcess::ForwardedChannels);
         process.start(QCoreApplication::applicationFilePath(), QStringList());
-        if (!process.waitForFinished(30000)) {
+        int finishMs = 30000;
+        if (boundMs > 0) {
+            QByteArray output;
+            while (!output.contains("raising\n") && process.waitForReadyRead(30000)) {
+                output += process.readAllStandardOutput();
+            }
+            // Without the line the process did not get as far as the signal.
+            finishMs = output.contains("raising\n") ? boundMs : 0;
+        }
+        if (!process.waitForFinished(finishMs) && process.state() != QProcess::NotRunning) {
             process.kill();
             process.waitForFinished();
             return -1;
@@ -141,7 +242,7 @@ private Q_SLOTS:
         // The header, the 100 innermost frames (the handler's and the
         // recursion's: the stack is far deeper), and "Exiting.".
         QCOMPARE(lines.size(), 102);
-        QVERIFY2(headerLine.match(lines.first()).hasMatch(), qPrintable(log));
+        QVERIFY2(headerLine().match(lines.first()).hasMatch(), qPrintable(log));
         for (int i = 1; i < lines.size() - 1; ++i) {
             QVERIFY2(frameLine.match(lines[i]).hasMatch(), qPrintable(lines[i]));
         }
@@ -152,10 +253,62 @@ private Q_SLOTS:
     void faultInsideTheHandlerEndsWithStatus1AtOnce()
     {
         QCOMPARE(runCrash(QStringLiteral("fault-in-handler")), 1);
-        // The second fault came before the first line reached the file, and
-        // the report went no further.
-        QCOMPARE(logLines(), QStringList());
+        // The second fault came after the header, in the first frame line
+        // (whose prefix is written), and the report went no further.
+        const QStringList lines = logLines();
+        QVERIFY2(!lines.isEmpty() && headerLine().match(lines.first()).hasMatch(),
+                 qPrintable(lines.join(QLatin1Char('\n'))));
+        QCOMPARE(lines.size(), 2);
+        QVERIFY2(QRegularExpression(linePrefix + QStringLiteral("$")).match(lines[1]).hasMatch(),
+                 qPrintable(lines[1]));
         QVERIFY(QFile::exists(pidFile));
+    }
+
+    void stackOverflowOnAnotherThreadIsReported()
+    {
+        QCOMPARE(runCrash(QStringLiteral("thread-stack-overflow")), 1);
+        const QStringList lines = logLines();
+        const QString log = lines.join(QLatin1Char('\n'));
+        QCOMPARE(lines.size(), 102);
+        QVERIFY2(headerLine().match(lines.first()).hasMatch(), qPrintable(log));
+        QVERIFY2(exitingLine.match(lines.last()).hasMatch(), qPrintable(log));
+        QVERIFY(!QFile::exists(pidFile));
+    }
+
+    void fatalSignalWhileAnotherThreadHoldsTheLoggersLock_data()
+    {
+        QTest::addColumn<QString>("signalName");
+        for (const char* name : {"SIGSEGV", "SIGBUS", "SIGFPE", "SIGILL", "SIGABRT"}) {
+            QTest::newRow(name) << QString::fromLatin1(name);
+        }
+    }
+
+    // The report takes no lock: it is written, and the process ends, while
+    // the logger stays locked for ever.
+    void fatalSignalWhileAnotherThreadHoldsTheLoggersLock()
+    {
+        QFETCH(QString, signalName);
+        QCOMPARE(runCrash(QStringLiteral("lock-held:") + signalName, 1000), 1);
+        const QStringList lines = logLines();
+        const QString log = lines.join(QLatin1Char('\n'));
+        QVERIFY2(lines.size() >= 3, qPrintable(log));
+        QVERIFY2(headerLine(signalName).match(lines.first()).hasMatch(), qPrintable(log));
+        for (int i = 1; i < lines.size() - 1; ++i) {
+            QVERIFY2(frameLine.match(lines[i]).hasMatch(), qPrintable(lines[i]));
+        }
+        QVERIFY2(exitingLine.match(lines.last()).hasMatch(), qPrintable(log));
+        QVERIFY(!QFile::exists(pidFile));
+    }
+
+    void reportTimestampIsTheLocalTime()
+    {
+        const QDateTime before = QDateTime::currentDateTime().addSecs(-1);
+        QCOMPARE(runCrash(QStringLiteral("lock-held:SIGSEGV"), 1000), 1);
+        const QDateTime after = QDateTime::currentDateTime().addSecs(1);
+        const QString header = logLines().value(0);
+        const QDateTime stamp =
+            QDateTime::fromString(header.mid(1, 23), QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz"));
+        QVERIFY2(stamp.isValid() && stamp >= before && stamp <= after, qPrintable(header));
     }
 };
 

@@ -4,6 +4,7 @@
 #include "common/Daemon.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
@@ -14,6 +15,7 @@
 #include <csignal>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -44,7 +46,8 @@ class DaemonControlTest : public QObject
     Q_OBJECT
 
 private:
-    QTemporaryDir dir;
+    // A fresh directory for every test, which sees all that is left in it.
+    std::unique_ptr<QTemporaryDir> dir;
     QString pidFile;
 
 private Q_SLOTS:
@@ -52,8 +55,9 @@ private Q_SLOTS:
 
     void init()
     {
-        pidFile = dir.filePath(QStringLiteral("selvane.pid"));
-        QFile::remove(pidFile);
+        dir = std::make_unique<QTemporaryDir>();
+        QVERIFY(dir->isValid());
+        pidFile = dir->filePath(QStringLiteral("selvane.pid"));
     }
 
     void getPid_data()
@@ -80,7 +84,75 @@ private Q_SLOTS:
     void getPidOfAnUnreadableFileIsZero()
     {
         // A directory exists but cannot be read as a file.
-        QCOMPARE(Daemon::getPid(dir.path()), 0);
+        QCOMPARE(Daemon::getPid(dir->path()), 0);
+    }
+
+    void getPidReadsOnlyARegularFile()
+    {
+        // A link to a file with a pid, a FIFO (whose opening would wait for a
+        // writer for ever) and a directory.
+        const QString target = dir->filePath(QStringLiteral("target"));
+        QVERIFY(writeFile(target, "4242"));
+        QVERIFY(QFile::link(target, pidFile));
+        QCOMPARE(Daemon::getPid(pidFile), 0);
+        QVERIFY(QFile::remove(pidFile));
+        QCOMPARE(mkfifo(QFile::encodeName(pidFile).constData(), 0600), 0);
+        QCOMPARE(Daemon::getPid(pidFile), 0);
+        QVERIFY(QFile::remove(pidFile));
+        QVERIFY(QDir(dir->path()).mkdir(QStringLiteral("selvane.pid")));
+        QCOMPARE(Daemon::getPid(pidFile), 0);
+        QVERIFY(QDir(dir->path()).rmdir(QStringLiteral("selvane.pid")));
+    }
+
+    void onlyAMissingOrRegularPidFileIsUsable()
+    {
+        QVERIFY(Daemon::isUsablePidFilePath(pidFile));
+        QVERIFY(Daemon::isUsablePidFilePath(dir->filePath(QStringLiteral("no-such-dir/x.pid"))));
+        QVERIFY(writeFile(pidFile, "1"));
+        QVERIFY(Daemon::isUsablePidFilePath(pidFile));
+        QVERIFY(QFile::remove(pidFile));
+
+        // A link is refused wherever it points, even to a regular file or nowhere.
+        QVERIFY(writeFile(dir->filePath(QStringLiteral("target")), "1"));
+        QVERIFY(QFile::link(dir->filePath(QStringLiteral("target")), pidFile));
+        QVERIFY(!Daemon::isUsablePidFilePath(pidFile));
+        QVERIFY(QFile::remove(pidFile));
+        QVERIFY(QFile::link(dir->filePath(QStringLiteral("nowhere")), pidFile));
+        QVERIFY(!Daemon::isUsablePidFilePath(pidFile));
+        QVERIFY(QFile::remove(pidFile));
+        QCOMPARE(mkfifo(QFile::encodeName(pidFile).constData(), 0600), 0);
+        QVERIFY(!Daemon::isUsablePidFilePath(pidFile));
+        QVERIFY(QFile::remove(pidFile));
+        QVERIFY(QDir(dir->path()).mkdir(QStringLiteral("selvane.pid")));
+        QVERIFY(!Daemon::isUsablePidFilePath(pidFile));
+        QVERIFY(QDir(dir->path()).rmdir(QStringLiteral("selvane.pid")));
+    }
+
+    void removeOwnPidFileRemovesOnlyAFileWithThisProcesssPid()
+    {
+        const QByteArray path = QFile::encodeName(pidFile);
+        const QByteArray own = QByteArray::number(getpid());
+        QVERIFY(writeFile(pidFile, own));
+        Daemon::removeOwnPidFile(path.constData());
+        QVERIFY(!QFile::exists(pidFile));
+
+        for (const QByteArray& other : {QByteArray::number(getppid()), own + "0", own + "\n",
+                                        QByteArray("x") + own, QByteArray()}) {
+            QVERIFY(writeFile(pidFile, other));
+            Daemon::removeOwnPidFile(path.constData());
+            QVERIFY2(QFile::exists(pidFile), other.constData());
+            QCOMPARE(readFile(pidFile), other);
+        }
+        QVERIFY(QFile::remove(pidFile));
+
+        // A link is not followed, even to a file with this pid.
+        const QString target = dir->filePath(QStringLiteral("target"));
+        QVERIFY(writeFile(target, own));
+        QVERIFY(QFile::link(target, pidFile));
+        Daemon::removeOwnPidFile(path.constData());
+        QVERIFY(QFileInfo(pidFile).isSymLink());
+        QCOMPARE(readFile(target), own);
+        QVERIFY(QFile::remove(pidFile));
     }
 
     void ownProcessWithOwnExecutableIsRunning()
@@ -150,7 +222,7 @@ private Q_SLOTS:
     {
         // The program file is deleted and copied anew at the same path while
         // the process runs, as an upgrade does.
-        const QString program = dir.filePath(QStringLiteral("sleep-copy"));
+        const QString program = dir->filePath(QStringLiteral("sleep-copy"));
         QVERIFY(QFile::copy(sleepProgram(), program));
         const QByteArray programBytes = QFile::encodeName(program);
         const pid_t child = forkFlushed();
@@ -205,13 +277,46 @@ private Q_SLOTS:
         const pid_t background = content.toInt();
         QVERIFY(background != foreground);
         QCOMPARE(DaemonRunner::waitForExit(background), 42);
+        // The file written first under another name is gone.
+        QCOMPARE(
+            QDir(dir->path())
+                .entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot),
+            QStringList{QStringLiteral("selvane.pid")});
+        const mode_t mask = umask(0);
+        umask(mask);
+        struct stat status = {};
+        QCOMPARE(stat(QFile::encodeName(pidFile).constData(), &status), 0);
+        QCOMPARE(status.st_mode & 07777, 0644 & ~mask);
+    }
+
+    void startReplacesWhatIsAtTheNameWithoutFollowingIt()
+    {
+        // A link at the name is replaced; the file it pointed to stays as it was.
+        const QString target = dir->filePath(QStringLiteral("target"));
+        QVERIFY(writeFile(target, "precious"));
+        QVERIFY(QFile::link(target, pidFile));
+        const pid_t foreground = forkFlushed();
+        if (foreground == 0) {
+            const bool started = Daemon::start(pidFile);
+            _exit(started ? 42 : 43);
+        }
+        QCOMPARE(DaemonRunner::waitForExit(foreground), 0);
+        QByteArray content;
+        QVERIFY(DaemonRunner::waitUntil([&] {
+            content = readFile(pidFile);
+            return !content.isEmpty() && content != "precious";
+        }));
+        QCOMPARE(DaemonRunner::waitForExit(content.toInt()), 42);
+        QVERIFY(!QFileInfo(pidFile).isSymLink());
+        QCOMPARE(readFile(target), QByteArray("precious"));
+        QVERIFY(QFile::remove(target));
     }
 
     void startReturnsFalseInTheChildWhenThePidFileCannotBeWritten()
     {
-        const QString unwritable = dir.filePath(QStringLiteral("no-such-dir/selvane.pid"));
+        const QString unwritable = dir->filePath(QStringLiteral("no-such-dir/selvane.pid"));
         // The background half writes its pid where the test can find it.
-        const QString reportFile = dir.filePath(QStringLiteral("background.pid"));
+        const QString reportFile = dir->filePath(QStringLiteral("background.pid"));
         const pid_t foreground = forkFlushed();
         if (foreground == 0) {
             const bool started = Daemon::start(unwritable);

@@ -8,6 +8,7 @@
 #include <QtTest>
 
 #include <cstdio>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using Orvanta::Logger;
@@ -519,6 +520,57 @@ private Q_SLOTS:
         QCOMPARE(entry->level, Logger::LEVEL_WARNING);
         QCOMPARE(entry->file, QStringLiteral("Qt"));
         QCOMPARE(entry->function, QStringLiteral("default"));
+    }
+
+    void qtMessagesAreEscaped()
+    {
+        LogCapture capture;
+        const QtMessageHandler testHandler = qInstallMessageHandler(nullptr);
+        Logger::forwardQtMessages();
+        qWarning("a call from the bus\n[forged] line");
+        qInstallMessageHandler(testHandler);
+        QVERIFY2(capture.find(QStringLiteral("a call from the bus\\n[forged] line")),
+                 qPrintable(capture.messages().join(" | ")));
+    }
+
+    // The crash report writes to what these give, without the lock.
+    void crashReportDescriptorsFollowTheChannels()
+    {
+        QCOMPARE(Logger::errorFileDescriptor(), -1);
+        QVERIFY(!Logger::isStandardOutputTakingErrors());
+        const QString logFile = file("crash-report.log");
+        const QString moved = file("crash-report.log.1");
+        Logger::enableFileChannel(Logger::LEVEL_ERROR, logFile, true);
+        const auto inodeOf = [](int fd) {
+            struct stat status = {};
+            return fstat(fd, &status) == 0 ? status.st_ino : ino_t(0);
+        };
+        const auto inodeAt = [](const QString& path) {
+            struct stat status = {};
+            return stat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_ino
+                                                                           : ino_t(0);
+        };
+        QVERIFY(Logger::errorFileDescriptor() >= 0);
+        QCOMPARE(inodeOf(Logger::errorFileDescriptor()), inodeAt(logFile));
+
+        QVERIFY(QFile::rename(logFile, moved));
+        Logger::reopenFileChannel();
+        QVERIFY(Logger::errorFileDescriptor() >= 0);
+        QCOMPARE(inodeOf(Logger::errorFileDescriptor()), inodeAt(logFile));
+        QVERIFY(inodeAt(logFile) != inodeAt(moved));
+
+        Logger::enableStandardOutputChannel(Logger::LEVEL_ERROR);
+        QVERIFY(Logger::isStandardOutputTakingErrors());
+        Logger::enableStandardOutputChannel(Logger::LEVEL_DISABLED);
+        QVERIFY(!Logger::isStandardOutputTakingErrors());
+        Logger::enableFileChannel(Logger::LEVEL_DISABLED, QString(), true);
+        QCOMPARE(Logger::errorFileDescriptor(), -1);
+
+        Logger::enableFileChannel(Logger::LEVEL_DEBUG, logFile, true);
+        Logger::enableStandardOutputChannel(Logger::LEVEL_WARNING);
+        Logger::shutDown();
+        QCOMPARE(Logger::errorFileDescriptor(), -1);
+        QVERIFY(!Logger::isStandardOutputTakingErrors());
     }
 
     void linesFromTwoThreadsStayWholeAndInOrder()

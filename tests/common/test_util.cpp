@@ -79,6 +79,41 @@ private Q_SLOTS:
                                          QIODevice::ReadOnly));
         QVERIFY(!missing.isOpen());
     }
+
+    void escapeForLog_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("escaped");
+        QTest::newRow("plain text stays")
+            << QString::fromLatin1("/dev/input/event5") << QString::fromLatin1("/dev/input/event5");
+        QTest::newRow("empty text stays") << QString::fromLatin1("") << QString::fromLatin1("");
+        QTest::newRow("a line break") << QString::fromLatin1("/dev/input/event5\n[forged] line")
+                                      << QString::fromLatin1("/dev/input/event5\\n[forged] line");
+        QTest::newRow("a carriage return")
+            << QString::fromLatin1("a\rb") << QString::fromLatin1("a\\x0db");
+        QTest::newRow("a tab") << QString::fromLatin1("a\tb") << QString::fromLatin1("a\\tb");
+        QTest::newRow("a backslash, so no escape can be faked")
+            << QString::fromLatin1("a\\nb") << QString::fromLatin1("a\\\\nb");
+        QTest::newRow("a NUL character") << QString(QChar(0)) << QString::fromLatin1("\\x00");
+        QTest::newRow("an escape character")
+            << QString::fromLatin1("\x1b[31mred") << QString::fromLatin1("\\x1b[31mred");
+        QTest::newRow("the last control character")
+            << QString::fromLatin1("\x1f") << QString::fromLatin1("\\x1f");
+        QTest::newRow("DEL") << QString::fromLatin1("\x7f") << QString::fromLatin1("\\x7f");
+        QTest::newRow("a blank and a tilde stay")
+            << QString::fromLatin1(" ~") << QString::fromLatin1(" ~");
+        QTest::newRow("Latin-1 characters stay")
+            << QString::fromLatin1("caf\xe9 \x80\xff") << QString::fromLatin1("caf\xe9 \x80\xff");
+        QTest::newRow("other characters stay") << QString::fromUtf8("\u20ac \u00e9t\u00e9")
+                                               << QString::fromUtf8("\u20ac \u00e9t\u00e9");
+    }
+
+    void escapeForLog()
+    {
+        QFETCH(QString, text);
+        QFETCH(QString, escaped);
+        QCOMPARE(Orvanta::escapeForLog(text), escaped);
+    }
 };
 
 QTEST_GUILESS_MAIN(UtilTest)

@@ -1,6 +1,8 @@
 #include "DaemonRunner.h"
 #include "TestFiles.h"
 
+#include "Paths.h"
+
 #include <QDir>
 #include <QFile>
 #include <QRegularExpression>
@@ -8,6 +10,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -42,8 +45,6 @@ const QRegularExpression quitLine =
     logLine(R"(\[Info\] \[Main:quit_handler)", QStringLiteral("Received signal to quit"));
 const QRegularExpression exitLine =
     logLine(R"(\[Info\] \[Main:main)", QStringLiteral("selvane is exiting with exit code 0"));
-const QRegularExpression segfaultLine = logLine(R"(\[Error\] \[Main:segfault_handler)",
-                                                QStringLiteral("Received SIGSEGV.  Backtrace:"));
 const QRegularExpression exitingLine =
     logLine(R"(\[Error\] \[Main:segfault_handler)", QStringLiteral("Exiting."));
 
@@ -565,25 +566,150 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(runner->pidFile()));
     }
 
-    void sigsegvLogsABacktraceAndExitsWithStatus1()
+    void fatalSignalLogsABacktraceAndExitsWithStatus1_data()
     {
+        QTest::addColumn<int>("signalNumber");
+        QTest::addColumn<QString>("signalName");
+        QTest::newRow("SIGSEGV") << SIGSEGV << QStringLiteral("SIGSEGV");
+        QTest::newRow("SIGBUS") << SIGBUS << QStringLiteral("SIGBUS");
+        QTest::newRow("SIGFPE") << SIGFPE << QStringLiteral("SIGFPE");
+        QTest::newRow("SIGILL") << SIGILL << QStringLiteral("SIGILL");
+        QTest::newRow("SIGABRT") << SIGABRT << QStringLiteral("SIGABRT");
+    }
+
+    void fatalSignalLogsABacktraceAndExitsWithStatus1()
+    {
+        QFETCH(int, signalNumber);
+        QFETCH(QString, signalName);
         const pid_t daemon = startDaemon();
         QVERIFY(daemon > 0);
-        QCOMPARE(kill(daemon, SIGSEGV), 0);
+        QCOMPARE(kill(daemon, signalNumber), 0);
         QCOMPARE(DaemonRunner::waitForExit(daemon), 1);
         QVERIFY(!QFile::exists(runner->pidFile()));
 
         const QStringList lines = DaemonRunner::readLines(runner->defaultLogFile());
-        const int header = indexOf(lines, segfaultLine);
+        const int header = indexOf(lines, logLine(R"(\[Error\] \[Main:segfault_handler)",
+                                                  "Received " + signalName + ".  Backtrace:"));
         QVERIFY2(header >= 0, qPrintable(lines.join('\n')));
         const int exiting = indexOf(lines, exitingLine, header + 1);
         QVERIFY2(exiting > header + 1, qPrintable(lines.join('\n')));
-        const QRegularExpression frame(
-            QStringLiteral(R"(\[Error\] \[Main:segfault_handler:\d+\] \S)"));
         for (int i = header + 1; i < exiting; ++i) {
-            QVERIFY2(frame.match(lines[i]).hasMatch(), qPrintable(lines[i]));
+            QVERIFY2(anyLogLine.match(lines[i]).hasMatch() &&
+                         lines[i].contains(QLatin1String("] [Error] [Main:segfault_handler:")),
+                     qPrintable(lines[i]));
         }
+        QCOMPARE(exiting, lines.size() - 1);
         QVERIFY(indexOf(lines, exitLine) < 0);
+    }
+
+    void nonRegularPidFileIsRefusedBeforeTheFork_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::newRow("a link to a file") << QStringLiteral("link");
+        QTest::newRow("a link to nowhere") << QStringLiteral("dangling link");
+        QTest::newRow("a FIFO") << QStringLiteral("fifo");
+        QTest::newRow("a directory") << QStringLiteral("directory");
+    }
+
+    // The run directory belongs to the service account, which could point the
+    // pid file anywhere a daemon started by root may write.
+    void nonRegularPidFileIsRefusedBeforeTheFork()
+    {
+        QFETCH(QString, kind);
+        const QString target = runner->path(QStringLiteral("target"));
+        QVERIFY(writeFile(target, "precious"));
+        const QByteArray pidPath = QFile::encodeName(runner->pidFile());
+        if (kind == "link") {
+            QVERIFY(QFile::link(target, runner->pidFile()));
+        } else if (kind == "dangling link") {
+            QVERIFY(QFile::link(runner->path(QStringLiteral("nowhere")), runner->pidFile()));
+        } else if (kind == "fifo") {
+            QCOMPARE(mkfifo(pidPath.constData(), 0600), 0);
+        } else {
+            QVERIFY(QDir().mkdir(runner->pidFile()));
+        }
+        const DaemonRunner::Result result = runner->run({"-c", configFile});
+        QCOMPARE(result.status, 1);
+        QCOMPARE(result.standardOutput, QByteArray());
+        QCOMPARE(result.standardError, QByteArray("Refusing pid file ") + Orvanta::Paths::pidFile +
+                                           ": not a regular file\n");
+        QVERIFY(runner->adoptedDaemons().isEmpty());
+        QCOMPARE(readFile(target), QByteArray("precious"));
+        QVERIFY(!QFile::exists(runner->path(QStringLiteral("nowhere"))));
+        QVERIFY(!QFile::exists(runner->defaultLogFile()));
+    }
+
+    void pidAndStopDoNotWaitOnAFifo()
+    {
+        QCOMPARE(mkfifo(QFile::encodeName(runner->pidFile()).constData(), 0600), 0);
+        const DaemonRunner::Result pid = runner->run({"--pid"}, 5000);
+        QCOMPARE(pid.status, 0);
+        QCOMPARE(pid.standardOutput, QByteArray("0\n"));
+        const DaemonRunner::Result stop = runner->run({"--stop"}, 5000);
+        QCOMPARE(stop.status, 0);
+        QCOMPARE(stop.standardOutput, QByteArray());
+    }
+
+    void pidFileIsWrittenUnderAnotherNameFirst()
+    {
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        // Only the pid file is left in the directory, readable by all.
+        QCOMPARE(
+            QDir(runner->runDir())
+                .entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot),
+            QStringList{QStringLiteral("orvanta-selvane.pid")});
+        QVERIFY(QFileInfo(runner->pidFile()).permissions() & QFileDevice::ReadOther);
+        QCOMPARE(kill(daemon, SIGTERM), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+    }
+
+    void shutdownLeavesAPidFileThatNamesAnotherProcess()
+    {
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        writePidFile(QByteArray::number(getpid()));
+        QCOMPARE(kill(daemon, SIGTERM), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+        QCOMPARE(readFile(runner->pidFile()), QByteArray::number(getpid()));
+    }
+
+    void crashLeavesAPidFileThatNamesAnotherProcess()
+    {
+        const pid_t daemon = startDaemon();
+        QVERIFY(daemon > 0);
+        writePidFile(QByteArray::number(getpid()));
+        QCOMPARE(kill(daemon, SIGSEGV), 0);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 1);
+        QCOMPARE(readFile(runner->pidFile()), QByteArray::number(getpid()));
+    }
+
+    void secondStartThatFailsOnTheBusTakesItsPidFileWithIt()
+    {
+        // A copy of the program is another program to the running check, so
+        // its start goes as far as the bus, where the first daemon holds the
+        // name.
+        const pid_t first = startDaemon();
+        QVERIFY(first > 0);
+        const QString copy = runner->path(QStringLiteral("orvanta-selvane-copy"));
+        QVERIFY(QFile::copy(DaemonRunner::builtExecutable(), copy));
+        runner->setExecutable(copy);
+        const DaemonRunner::Result result = runner->run({"-c", configFile});
+        QCOMPARE(result.status, 0);
+        pid_t second = 0;
+        QVERIFY(DaemonRunner::waitUntil([&] {
+            for (pid_t pid : runner->adoptedDaemons()) {
+                second = pid != first ? pid : second;
+            }
+            return second != 0;
+        }));
+        QCOMPARE(DaemonRunner::waitForExit(second), 1);
+        // Its pid is not left behind for --stop and the running check; the
+        // first daemon's was overwritten by then.
+        QVERIFY(!QFile::exists(runner->pidFile()));
+        QVERIFY(isAlive(first));
+        QCOMPARE(kill(first, SIGTERM), 0);
+        QCOMPARE(DaemonRunner::waitForExit(first), 0);
     }
 
     void runsWithoutPidFileWhenItsDirectoryIsMissing()

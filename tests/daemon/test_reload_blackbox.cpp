@@ -35,8 +35,12 @@ private Q_SLOTS:
     void deletedKeyFileKeepsTheRunningCombinations();
     void movedLogFileIsFollowedByANewFileAtTheSamePath();
     void hundredReloadsWhileTypingLoseNoCombinationAndNoDescriptor();
+    void longLinesRunWholeOrNotAtAllAtReloadAndAtStart();
 
 private:
+    // Types Ctrl+F1 to Ctrl+F4 and waits until `expected` commands ran and an
+    // update after them is done.
+    void typeTheFourCombinations(int expected);
     void writeKeys(const QByteArray& lines);
     void call(const QString& method, const QVariantList& arguments);
     void type(const QList<int>& codes);
@@ -213,6 +217,66 @@ void ReloadBlackboxTest::hundredReloadsWhileTypingLoseNoCombinationAndNoDescript
     QCOMPARE(logCount("Received signal to reload"), 100);
     QCOMPARE(openDescriptors(), descriptors);
     QVERIFY2(levelCount("Error") + levelCount("Bug") == complaints, qPrintable(logText()));
+}
+
+void ReloadBlackboxTest::longLinesRunWholeOrNotAtAllAtReloadAndAtStart()
+{
+    const QByteArray target = " >> " + QFile::encodeName(output) + "\n";
+    // 1,300 characters: once read in pieces, its first part ran alone.
+    const QByteArray wide(1300 - 25 - target.size(), 'w');
+    // 4096 bytes with the line break: the longest line taken.
+    const QByteArray widest(4096 - 25 - target.size(), 'f');
+    QByteArray lines = "KEY_LEFTCTRL:KEY_F1:echo " + wide + target;
+    // A longer line would have run cut, so nothing of it may run.
+    lines +=
+        "KEY_LEFTCTRL:KEY_F2:echo cut" + target.chopped(1) + "; : " + QByteArray(5000, 'c') + "\n";
+    lines += QByteArray("KEY_LEFTCTRL:KEY_F3:echo nul\0", 29) + target;
+    lines += "KEY_LEFTCTRL:KEY_F4:echo " + widest + target;
+    QCOMPARE(lines.indexOf(wide + target) + wide.size() + target.size(), 1300);
+    QVERIFY(lines.endsWith("\nKEY_LEFTCTRL:KEY_F4:echo " + widest + target));
+    QCOMPARE(25 + widest.size() + target.size(), 4096);
+    writeKeys(lines);
+
+    const auto refusals = [&] {
+        return matchingLines(DaemonRunner::logLine(
+                   "Error", "AssignedDeviceHandler:parseConfigFile",
+                   "Line 2 of the configuration file is longer than 4096 bytes.  Ignoring it.")) +
+               matchingLines(DaemonRunner::logLine(
+                   "Error", "AssignedDeviceHandler:parseConfigFile",
+                   "Line 3 of the configuration file contains a NUL byte.  Ignoring it."));
+    };
+    QCOMPARE(kill(daemon, SIGHUP), 0);
+    waitForLog("Parsed 2 key sequence(s).");
+    QCOMPARE(refusals(), 2);
+    typeTheFourCombinations(2);
+    QCOMPARE(commandsRun(), (QStringList{QString::fromLatin1(wide), QString::fromLatin1(widest)}));
+
+    // The same file read at start.
+    QCOMPARE(DaemonRunner::stopDaemon(daemon), 0);
+    QVERIFY(QFile::remove(output));
+    // The log is the first daemon's too: its ready line is there already.
+    daemon = runner->startDaemon({"-c", keys}, DaemonRunner::logMessage("Connection established"));
+    QVERIFY(daemon > 0);
+    QVERIFY(DaemonRunner::waitUntil([&] { return logCount("Connection established") == 2; }));
+    call("deviceAddedToStation", {keyboard, station});
+    QVERIFY(DaemonRunner::waitUntil(
+        [&] { return logCount("Adding assigned device " + keyboard) == 2; }));
+    QCOMPARE(refusals(), 4);
+    typeTheFourCombinations(2);
+    QCOMPARE(commandsRun(), (QStringList{QString::fromLatin1(wide), QString::fromLatin1(widest)}));
+}
+
+void ReloadBlackboxTest::typeTheFourCombinations(int expected)
+{
+    for (int key : {KEY_F1, KEY_F2, KEY_F3, KEY_F4}) {
+        type({KEY_LEFTCTRL, key});
+    }
+    QVERIFY2(DaemonRunner::waitUntil([&] { return commandsRun().size() >= expected; }),
+             qPrintable(logText()));
+    const int statusLines = logCount("Assigned device: " + keyboard);
+    call("logStatus", {});
+    QVERIFY(DaemonRunner::waitUntil(
+        [&] { return logCount("Assigned device: " + keyboard) > statusLines; }));
 }
 
 void ReloadBlackboxTest::writeKeys(const QByteArray& lines)

@@ -196,6 +196,42 @@ private Q_SLOTS:
         QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
     }
 
+    void pathWithALineBreakStaysOnOneLogLine()
+    {
+        QCOMPARE(runner->run({"-c", config}).status, 0);
+        const pid_t daemon = runner->waitForDaemon();
+        QVERIFY(daemon > 0);
+        QVERIFY(DaemonRunner::waitForLine(runner->defaultLogFile(), establishedLine));
+        const QString forged = "[2026-01-31 08:15:02.417] [Info] [Main:main:1] forged\tline\\";
+        const QString path = "/dev/input/event99\n" + forged;
+        const QString shown =
+            "/dev/input/event99\\n" + QString(forged).replace("\\", "\\\\").replace("\t", "\\t");
+        QDBusConnection platform = QDBusConnection::connectToBus(runner->busAddress(), "platform");
+        for (const char* method : {"deviceAddedToStation", "unassignedDeviceAdded"}) {
+            const QVariantList arguments = QString(method) == "deviceAddedToStation"
+                                               ? QVariantList{path, 1}
+                                               : QVariantList{path};
+            QCOMPARE(platform.call(DaemonRunner::daemonCall(method, arguments)).type(),
+                     QDBusMessage::ReplyMessage);
+        }
+        QVERIFY2(
+            DaemonRunner::waitForLine(runner->defaultLogFile(),
+                                      logLine("Info", "AssignmentHandler", "addUnassignedDevice",
+                                              "Adding unassigned device " + shown)),
+            qPrintable(DaemonRunner::readLines(runner->defaultLogFile()).join('\n')));
+        const QStringList lines = DaemonRunner::readLines(runner->defaultLogFile());
+        QVERIFY(indexOf(lines, logLine("Info", "AssignedDeviceHandler", "addAssignedDevice",
+                                       "Adding assigned device " + shown)) >= 0);
+        QVERIFY(indexOf(lines, logLine("Warning", "EventDevice", "EventDevice",
+                                       "Could not open " + shown + " for reading.")) >= 0);
+        for (const QString& line : lines) {
+            QVERIFY2(!line.contains("forged") || line.contains("event99\\n"), qPrintable(line));
+        }
+        QDBusConnection::disconnectFromBus("platform");
+        kill(daemon, SIGTERM);
+        QCOMPARE(DaemonRunner::waitForExit(daemon), 0);
+    }
+
 private:
     std::unique_ptr<DaemonRunner> runner;
     QString config;

@@ -52,21 +52,15 @@ private Q_SLOTS:
             << QStringList{};
         QTest::newRow("an empty file") << QByteArray() << 0 << QStringList{};
 
-        // Read 255 characters at a time: the rest of a longer line is a line of
-        // its own.
-        const QByteArray first = QByteArray("KEY_LEFTCTRL:KEY_F1:echo a").leftJustified(255, ' ');
-        QTest::newRow("the rest of a long line is parsed as a line of its own")
-            << first + "KEY_LEFTCTRL:KEY_F2:echo b\n"
-            << 2 << QStringList{};
-        QTest::newRow("an unparsable rest of a long line is reported alone")
-            << first + "tail of the line\n"
-            << 1 << QStringList{"Could not parse line from configuration file: tail of the line\n"};
-        QTest::newRow("a line of exactly 255 characters leaves an empty rest")
-            << first + "\n"
-            << 1 << QStringList{};
-        const QByteArray comment = QByteArray("# ").leftJustified(255, 'c');
-        QTest::newRow("the rest of a long comment is not a comment")
-            << comment + "KEY_LEFTCTRL:KEY_F1:cmd\n"
+        // Lines of up to 4096 bytes, their break included, are taken whole.
+        const QByteArray longCommand =
+            QByteArray("KEY_LEFTCTRL:KEY_F1:echo a").leftJustified(4095, 'a');
+        QTest::newRow("a line of 4096 bytes with its break is one sequence") << longCommand + "\n"
+                                                                             << 1 << QStringList{};
+        QTest::newRow("a last line of 4096 bytes without a break is one sequence")
+            << longCommand + "a" << 1 << QStringList{};
+        QTest::newRow("a long comment is one comment")
+            << QByteArray("# ").leftJustified(3000, 'c') + "\nKEY_LEFTCTRL:KEY_F1:cmd\n"
             << 1 << QStringList{};
     }
 
@@ -98,6 +92,60 @@ private Q_SLOTS:
             }
         }
         QCOMPARE(logged, warnings);
+    }
+
+    void refusedLines_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<QStringList>("errors");
+
+        const QByteArray first = "KEY_LEFTCTRL:KEY_F1:echo first\n";
+        const QByteArray last = "KEY_LEFTCTRL:KEY_F3:echo last\n";
+        const QByteArray tooLong =
+            QByteArray("KEY_LEFTCTRL:KEY_F2:echo a").leftJustified(4096, 'a') + "\n";
+        const QString longError =
+            "Line %1 of the configuration file is longer than 4096 bytes.  Ignoring it.";
+        const QString nulError =
+            "Line %1 of the configuration file contains a NUL byte.  Ignoring it.";
+        QTest::newRow("a line of 4097 bytes with its break")
+            << first + "# comment\n\n" + tooLong + last << QStringList{longError.arg(4)};
+        QTest::newRow("a last line of 4097 bytes without a break")
+            << first + QByteArray("KEY_LEFTCTRL:KEY_F2:echo a").leftJustified(4097, 'a')
+            << QStringList{longError.arg(2)};
+        QTest::newRow("a line many times the limit")
+            << first + QByteArray("KEY_LEFTCTRL:KEY_F2:").leftJustified(20000, 'a') + "\n" + last
+            << QStringList{longError.arg(2)};
+        QTest::newRow("a line with a NUL byte")
+            << first + QByteArray("KEY_LEFTCTRL:KEY_F2:echo a\0b\n", 29) + last
+            << QStringList{nulError.arg(2)};
+        QTest::newRow("a long comment with a NUL byte")
+            << first + QByteArray("# a\0b\n", 6) + last << QStringList{nulError.arg(2)};
+    }
+
+    // A refused line is dropped whole, with one error naming it; the lines
+    // around it are read as usual.
+    void refusedLines()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(QStringList, errors);
+
+        const QString name = writeConfig(content);
+        LogCapture capture;
+        AssignedDeviceHandler handler(name);
+
+        QStringList logged;
+        for (const LogCapture::Entry& entry : capture.entries()) {
+            if (entry.level <= Logger::LEVEL_WARNING) {
+                logged.append(entry.message);
+                QCOMPARE(entry.level, Logger::LEVEL_ERROR);
+                QCOMPARE(entry.file, QString("AssignedDeviceHandler"));
+                QCOMPARE(entry.function, QString("parseConfigFile"));
+            }
+        }
+        QCOMPARE(logged, errors);
+        const int expected = content.count("KEY_LEFTCTRL:KEY_F1") + content.count(":KEY_F3:");
+        QVERIFY2(capture.find(QString("Parsed %1 key sequence(s).").arg(expected)),
+                 qPrintable(capture.messages().join(" | ")));
     }
 
     void emptyConfigFileName()
