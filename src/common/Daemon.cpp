@@ -52,74 +52,74 @@ bool hidesProgram(int pid, const QString& programPath)
     }
     const QByteArray name = QFile::encodeName(QFileInfo(programPath).fileName()).left(15);
     return comm.readAll() == name + '\n';
-    // The longest pid file read; a longer one holds no pid.
-    constexpr size_t maxPidFileSize = 4096;
-    // Tries of a random name for the new pid file before giving up.
-    constexpr int temporaryNameAttempts = 16;
+}
 
-    // Opens the regular file at path for reading, without following a symlink
-    // and without waiting on a FIFO (whose open would block until a writer came).
-    // Holds -1 when that is not a regular file. Async-signal-safe.
-    OwnedFd openRegularFile(const char* path)
-    {
-        OwnedFd file(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-        struct stat status = {};
-        if (file.get() >= 0 && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
-            file.reset();
-        }
-        return file;
-    }
+// The longest pid file read; a longer one holds no pid.
+constexpr size_t maxPidFileSize = 4096;
+// Tries of a random name for the new pid file before giving up.
+constexpr int temporaryNameAttempts = 16;
 
-    // Reads up to size bytes; the count read, -1 on failure. Async-signal-safe.
-    ssize_t readUpTo(int fd, char* buffer, size_t size)
-    {
-        size_t total = 0;
-        while (total < size) {
-            const ssize_t got = read(fd, buffer + total, size - total);
-            if (got < 0 && errno == EINTR) {
-                continue;
-            }
-            if (got < 0) {
-                return -1;
-            }
-            if (got == 0) {
-                break;
-            }
-            total += static_cast<size_t>(got);
-        }
-        return static_cast<ssize_t>(total);
+// Opens the regular file at path for reading, without following a symlink
+// and without waiting on a FIFO (whose open would block until a writer came).
+// Holds -1 when that is not a regular file. Async-signal-safe.
+OwnedFd openRegularFile(const char* path)
+{
+    OwnedFd file(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status = {};
+    if (file.get() >= 0 && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        file.reset();
     }
+    return file;
+}
 
-    // Writes the pid to a new file of a random name in the directory of pidFile.
-    // Its path, or an empty array when no such file could be made.
-    QByteArray writeTemporaryPidFile(const QByteArray& pidFile)
-    {
-        const QFileInfo info(QFile::decodeName(pidFile));
-        const QByteArray prefix =
-            QFile::encodeName(info.path()) + "/." + QFile::encodeName(info.fileName()) + '.';
-        const QByteArray pid = QByteArray::number(static_cast<qint64>(getpid()));
-        for (int attempt = 0; attempt < temporaryNameAttempts; ++attempt) {
-            QByteArray path =
-                prefix + QByteArray::number(QRandomGenerator::system()->generate64(), 16);
-            OwnedFd file(
-                open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644));
-            if (file.get() < 0 && errno == EEXIST) {
-                continue;
-            }
-            if (file.get() < 0) {
-                return QByteArray();
-            }
-            const bool written =
-                write(file.get(), pid.constData(), static_cast<size_t>(pid.size())) ==
-                static_cast<ssize_t>(pid.size());
-            if (close(file.release()) != 0 || !written) {
-                unlink(path.constData());
-                return QByteArray();
-            }
-            return path;
+// Reads up to size bytes; the count read, -1 on failure. Async-signal-safe.
+ssize_t readUpTo(int fd, char* buffer, size_t size)
+{
+    size_t total = 0;
+    while (total < size) {
+        const ssize_t got = read(fd, buffer + total, size - total);
+        if (got < 0 && errno == EINTR) {
+            continue;
         }
-        return QByteArray();
+        if (got < 0) {
+            return -1;
+        }
+        if (got == 0) {
+            break;
+        }
+        total += static_cast<size_t>(got);
     }
+    return static_cast<ssize_t>(total);
+}
+
+// Writes the pid to a new file of a random name in the directory of pidFile.
+// Its path, or an empty array when no such file could be made.
+QByteArray writeTemporaryPidFile(const QByteArray& pidFile)
+{
+    const QFileInfo info(QFile::decodeName(pidFile));
+    const QByteArray prefix =
+        QFile::encodeName(info.path()) + "/." + QFile::encodeName(info.fileName()) + '.';
+    const QByteArray pid = QByteArray::number(static_cast<qint64>(getpid()));
+    for (int attempt = 0; attempt < temporaryNameAttempts; ++attempt) {
+        QByteArray path = prefix + QByteArray::number(QRandomGenerator::system()->generate64(), 16);
+        OwnedFd file(
+            open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644));
+        if (file.get() < 0 && errno == EEXIST) {
+            continue;
+        }
+        if (file.get() < 0) {
+            return QByteArray();
+        }
+        const bool written = write(file.get(), pid.constData(), static_cast<size_t>(pid.size())) ==
+                             static_cast<ssize_t>(pid.size());
+        if (close(file.release()) != 0 || !written) {
+            unlink(path.constData());
+            return QByteArray();
+        }
+        return path;
+    }
+    return QByteArray();
+}
 
 } // namespace
 
