@@ -1,5 +1,6 @@
 #include "assignment/StationDisplay.h"
 
+#include "assignment/DisplaySocket.h"
 #include "common/Logger.h"
 
 #include <QByteArray>
@@ -15,7 +16,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <utility>
@@ -157,21 +157,6 @@ private:
     xcb_auth_info_t info{};
 };
 
-// Connects `fd` to the Unix socket at `path` (a leading NUL names an abstract
-// socket) without waiting: a server whose queue of new connections is full
-// refuses at once instead of holding the thread.
-bool connectUnixSocket(int fd, const QByteArray& path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (static_cast<size_t>(path.size()) > sizeof(address.sun_path)) {
-        return false;
-    }
-    memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
-    return connect(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0;
-}
-
 } // namespace
 
 StationDisplay::StationDisplay(int display, Listener* displayListener)
@@ -273,21 +258,14 @@ bool StationDisplay::loadImage(const QString& fileName)
     return composer.loadImage(fileName, QString(), width, height);
 }
 
-int StationDisplay::connectSocket() const
+void StationDisplay::connectFailed()
 {
-    // The abstract socket first, as xcb does, then the one in the file system.
-    const QByteArray path = "/tmp/.X11-unix/X" + QByteArray::number(displayId);
-    for (const QByteArray& candidate : {QByteArray(1, '\0') + path, path}) {
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (fd < 0) {
-            return -1;
-        }
-        if (connectUnixSocket(fd, candidate)) {
-            return fd;
-        }
-        close(fd);
+    // A listener counts the failures and says what it makes of them.
+    if (listener) {
+        listener->connectFailed();
+    } else {
+        SELVANE_LOG(LEVEL_WARNING, "Could not get connection to display :%d", displayId);
     }
-    return -1;
 }
 
 bool StationDisplay::openDisplay()
@@ -298,13 +276,13 @@ bool StationDisplay::openDisplay()
     // A socket of our own, so that the listener can end a setup that takes too
     // long, or later a write to a server that stopped reading, by shutting a
     // duplicate of it down: xcb owns the one it is given.
-    const int fd = connectSocket();
+    const int fd = DisplaySocket::connect(displayId);
     const int controlFd = fd < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0);
     if (controlFd < 0) {
         if (fd >= 0) {
             close(fd);
         }
-        SELVANE_LOG(LEVEL_WARNING, "Could not get connection to display :%d", displayId);
+        connectFailed();
         return false;
     }
     if (listener) {
@@ -321,7 +299,7 @@ bool StationDisplay::openDisplay()
         if (listener) {
             listener->socketClosing();
         }
-        SELVANE_LOG(LEVEL_WARNING, "Could not get connection to display :%d", displayId);
+        connectFailed();
         return false;
     }
     connection = std::move(opened);
