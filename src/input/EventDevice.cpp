@@ -111,6 +111,7 @@ EventDevice::EventDevice(QString path)
     }
 
     deviceFileName = path;
+    node = DeviceNode::ofDescriptor(fd);
     // Keys already held now count as down, in both states, so none of them looks freshly
     // pressed.
     ioctl(fd, EVIOCGKEY(keyState.size()), keyState.data());
@@ -218,6 +219,24 @@ bool EventDevice::isTakingRecords() const
 QVector<EventDevice*> EventDevice::openDevices()
 {
     return openDeviceList;
+}
+
+const EventDevice* EventDevice::findOtherName(const QVector<EventDevice*>& devices,
+                                              const QString& path,
+                                              const std::optional<DeviceNode>& node)
+{
+    if (!node) {
+        return nullptr;
+    }
+    for (const EventDevice* device : devices) {
+        if (device->node == node) {
+            SELVANE_LOG(LEVEL_WARNING, "Device " + path + " is the same device as " +
+                                           device->deviceFileName +
+                                           ", which is already open.  Ignoring it.");
+            return device;
+        }
+    }
+    return nullptr;
 }
 
 void EventDevice::queueRecord(const QueuedRecord& record)
@@ -431,4 +450,5 @@ void EventDevice::closeDescriptor()
     openDeviceList.removeOne(this);
     close(fd);
     fd = -1;
+    node.reset();
 }
