@@ -10,8 +10,8 @@ struct stat;
 
 // What a device file is, whatever path names it: the device number of a
 // character device node, or the file itself (its file system and inode) for
-// anything else, such as an emulated node. Two paths name the same device when
-// their nodes are equal.
+// anything else, such as an emulated node or a character node without a
+// device number. Two paths name the same device when their nodes are equal.
 class DeviceNode
 {
 public:

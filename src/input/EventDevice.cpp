@@ -112,6 +112,7 @@ EventDevice::EventDevice(QString path)
 
     deviceFileName = path;
     node = DeviceNode::ofDescriptor(fd);
+    nameNode = DeviceNode::ofPath(path);
     // Keys already held now count as down, in both states, so none of them looks freshly
     // pressed.
     ioctl(fd, EVIOCGKEY(keyState.size()), keyState.data());
@@ -229,7 +230,7 @@ const EventDevice* EventDevice::findOtherName(const QVector<EventDevice*>& devic
         return nullptr;
     }
     for (const EventDevice* device : devices) {
-        if (device->node == node) {
+        if (device->node == node || device->nameNode == node) {
             SELVANE_LOG(LEVEL_WARNING, "Device " + path + " is the same device as " +
                                            device->deviceFileName +
                                            ", which is already open.  Ignoring it.");
@@ -451,4 +452,5 @@ void EventDevice::closeDescriptor()
     close(fd);
     fd = -1;
     node.reset();
+    nameNode.reset();
 }

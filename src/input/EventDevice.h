@@ -60,9 +60,9 @@ public:
     bool isTakingRecords() const;
     // Every device that is open now, in the order they were opened.
     static QVector<EventDevice*> openDevices();
-    // The device among `devices` that is `node`, which `path` names: one device under a second
-    // name is held once, so the second name is logged as ignored. Null when `node` is none of
-    // them (or unknown).
+    // The device among `devices` that is `node`, which `path` names (as a name, before it is
+    // opened, or as an open descriptor): one device under a second name is held once, so the
+    // second name is logged as ignored. Null when `node` is none of them (or unknown).
     static const EventDevice* findOtherName(const QVector<EventDevice*>& devices,
                                             const QString& path,
                                             const std::optional<DeviceNode>& node);
@@ -125,6 +125,10 @@ private:
     int fd = -1;
     QString deviceFileName;
     std::optional<DeviceNode> node;
+    // The node that the device's name showed once it was open; none while closed. The same
+    // as `node` for a device node; an emulated node (umockdev) shows the emulated device's
+    // number for its name, while its descriptor is a pseudo terminal.
+    std::optional<DeviceNode> nameNode;
     KeyBits keyState{};
     KeyBits previousKeyState{};
     QHash<QString, QString> deviceVariables;
