@@ -173,6 +173,10 @@ void StationDisplay::update()
 {
     if (!connection) {
         if (!openDisplay()) {
+            // A server without a screen keeps its connection: that is no failure to connect.
+            if (listener && !connection) {
+                listener->connectFailed();
+            }
             return;
         }
         if (listener) {
@@ -258,16 +262,6 @@ bool StationDisplay::loadImage(const QString& fileName)
     return composer.loadImage(fileName, QString(), width, height);
 }
 
-void StationDisplay::connectFailed()
-{
-    // A listener counts the failures and says what it makes of them.
-    if (listener) {
-        listener->connectFailed();
-    } else {
-        SELVANE_LOG(LEVEL_WARNING, "Could not get connection to display :%d", displayId);
-    }
-}
-
 bool StationDisplay::openDisplay()
 {
     if (connection) {
@@ -282,7 +276,10 @@ bool StationDisplay::openDisplay()
         if (fd >= 0) {
             close(fd);
         }
-        connectFailed();
+        // A listener counts the failures and says what it makes of them.
+        if (!listener) {
+            SELVANE_LOG(LEVEL_WARNING, "Could not get connection to display :%d", displayId);
+        }
         return false;
     }
     if (listener) {
@@ -299,7 +296,10 @@ bool StationDisplay::openDisplay()
         if (listener) {
             listener->socketClosing();
         }
-        connectFailed();
+        // A listener counts the failures and says what it makes of them.
+        if (!listener) {
+            SELVANE_LOG(LEVEL_WARNING, "Could not get connection to display :%d", displayId);
+        }
         return false;
     }
     connection = std::move(opened);

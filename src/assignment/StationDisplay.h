@@ -42,7 +42,7 @@ public:
         virtual void connectFinished() = 0;
         // The connection ends: the descriptor given to socketOpened must go now.
         virtual void socketClosing() = 0;
-        // The display could not be connected to (nothing is logged then).
+        // An update could not connect to the display (which is then not logged).
         virtual void connectFailed() = 0;
         virtual void connected(uint32_t width, uint32_t height) = 0;
         virtual void lost() = 0;
@@ -91,8 +91,6 @@ public:
     void redrawWindow();
 
 private:
-    // Tells the listener, or logs without one.
-    void connectFailed();
     void handleEvent(const xcb_generic_event_t& event);
     void loadKeymap();
     // Logs a label that differs from the US one, once per keyboard step.
