@@ -78,9 +78,15 @@ bool AssignmentHandler::addUnassignedDevice(QString deviceFileName)
     if (getEventDevice(deviceFileName)) {
         return true;
     }
+    if (EventDevice::findOtherName(unassignedDevices, deviceFileName,
+                                   DeviceNode::ofPath(deviceFileName))) {
+        return false;
+    }
     SELVANE_LOG(LEVEL_INFO, "Adding unassigned device " + Orvanta::escapeForLog(deviceFileName));
     auto* device = new EventDevice(deviceFileName);
-    if (device->getFd() == -1) {
+    // The open descriptor decides: the name may lead elsewhere by now.
+    if (device->getFd() == -1 ||
+        EventDevice::findOtherName(unassignedDevices, deviceFileName, device->getNode())) {
         delete device;
         return false;
     }
@@ -111,6 +117,13 @@ DisplayConfiguration* AssignmentHandler::getDisplayConfiguration(DBusInterface& 
         if (display->getDisplayId() == displayId) {
             return display;
         }
+    }
+    // Each configuration asks the platform, holds its display's connection and
+    // draws; a caller gets no more than a room's worth of them.
+    if (displayConfigurations.size() >= maxDisplayConfigurations) {
+        SELVANE_LOG(LEVEL_WARNING, "Refusing display :%d: %d displays are configured already",
+                    displayId, maxDisplayConfigurations);
+        return nullptr;
     }
     auto* display = new DisplayConfiguration(dbus, central, overlayImage, displayId, stationId);
     display->openDisplay();

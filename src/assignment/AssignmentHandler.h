@@ -37,7 +37,8 @@ public:
     AssignmentHandler(const AssignmentHandler&) = delete;
     AssignmentHandler& operator=(const AssignmentHandler&) = delete;
 
-    // True when the device is (now) held; false when it could not be opened.
+    // True when the device is (now) held under this name; false when it could not be opened
+    // or is held under another name.
     bool addUnassignedDevice(QString deviceFileName);
     void removeUnassignedDevice(QString deviceFileName);
     void configureKeyboard(int displayId, int stationId);
@@ -50,8 +51,12 @@ public:
     void logStatus();
 
     EventDevice* getEventDevice(QString deviceFileName);
+    // The most display configurations that exist at once.
+    static constexpr int maxDisplayConfigurations = 64;
+
     // The configuration of that display, made and opened on first use; an
     // existing one is returned even when it was made for another station.
+    // Null (logged) when maxDisplayConfigurations exist already.
     DisplayConfiguration* getDisplayConfiguration(DBusInterface& dbus, int displayId,
                                                   int stationId);
     bool deleteLedBlinker(const EventDevice* eventDevice);

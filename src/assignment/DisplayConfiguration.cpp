@@ -1,5 +1,6 @@
 #include "assignment/DisplayConfiguration.h"
 
+#include "assignment/DisplaySocket.h"
 #include "assignment/StationThread.h"
 #include "common/Logger.h"
 #include "common/PendingCallGroup.h"
@@ -14,8 +15,16 @@
 
 #include <QFontDatabase>
 
+#include <unistd.h>
+
 namespace {
 constexpr char logSource[] = "DisplayConfiguration";
+
+// A socket that nobody listens on is tried again at the next periodic update;
+// a server that took the connection but could not be set up (or a thread that
+// could not be started) after this long.
+constexpr auto socketRetryDelay = std::chrono::milliseconds(100);
+constexpr auto setupRetryDelay = std::chrono::milliseconds(StationThread::connectTimeoutMs);
 
 QString imagePath(const QString& fileName)
 {
@@ -60,7 +69,7 @@ bool stepOf(DisplayConfiguration::State state, OverlayContent::Step& step)
 DisplayConfiguration::DisplayConfiguration(DBusInterface& dbusInterface, const Selvane& central,
                                            OverlayImage overlay, int display, int stationNumber)
     : QObject(nullptr), overlayImage(overlay), dbus(dbusInterface), centralObject(central),
-      displayId(display), stationId(stationNumber)
+      displayId(display), stationId(stationNumber), connectionAttempts(display)
 {
     SELVANE_LOG(LEVEL_INFO,
                 "Creating display configuration on display :" + QString::number(displayId) +
@@ -89,12 +98,33 @@ void DisplayConfiguration::localeAnswered(const QString& locale)
     determineLanguage(centralObject, locale);
     languageDetermined = true;
     // The station's lines (connecting, pictures) follow the language's.
-    station = std::make_unique<StationThread>(displayId);
+    if (openRequested) {
+        tryToConnect();
+    }
+}
+
+void DisplayConfiguration::tryToConnect()
+{
+    const ConnectionAttempts::Clock::time_point now = ConnectionAttempts::Clock::now();
+    if (!connectionAttempts.isDue(now)) {
+        return;
+    }
+    const int probe = DisplaySocket::connect(displayId);
+    if (probe < 0) {
+        connectionAttempts.failed(now, socketRetryDelay);
+        return;
+    }
+    // The thread connects on its own socket, with the deadline for the setup.
+    close(probe);
+    auto started = std::make_unique<StationThread>(displayId);
+    if (!started->isRunning()) {
+        connectionAttempts.failed(now, setupRetryDelay);
+        return;
+    }
+    station = std::move(started);
     connect(station.get(), &StationThread::reportsWaiting, this,
             &DisplayConfiguration::takeStationReports);
-    if (openRequested) {
-        station->requestUpdate();
-    }
+    station->requestUpdate();
 }
 
 QString DisplayConfiguration::stateToString(State state)
@@ -193,13 +223,22 @@ void DisplayConfiguration::openDisplay()
     openRequested = true;
     if (station) {
         station->requestUpdate();
+    } else if (languageDetermined) {
+        tryToConnect();
     }
 }
 
 void DisplayConfiguration::update()
 {
     openRequested = true;
+    if (stationFailed) {
+        stationFailed = false;
+        station.reset();
+    }
     if (!station) {
+        if (languageDetermined) {
+            tryToConnect();
+        }
         return;
     }
     station->enforceConnectDeadline();
@@ -224,8 +263,16 @@ void DisplayConfiguration::takeStationReports()
     for (const StationThread::Report& report : station->takeReports()) {
         switch (report.kind) {
         case StationThread::Report::CONNECTED:
+            connectionAttempts.connected();
             displayConnected = true;
             requestPicture();
+            break;
+        case StationThread::Report::CONNECT_FAILED:
+            // Once an attempt: the thread tries no more once it is stopped.
+            if (!stationFailed) {
+                stationFailed = true;
+                connectionAttempts.failed(ConnectionAttempts::Clock::now(), setupRetryDelay);
+            }
             break;
         case StationThread::Report::LOST:
             displayConnected = false;

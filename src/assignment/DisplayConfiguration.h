@@ -1,5 +1,6 @@
 #pragma once
 
+#include "assignment/ConnectionAttempts.h"
 #include "assignment/OverlayContent.h"
 
 #include <QObject>
@@ -31,6 +32,13 @@ class PendingCallGroup;
 // overlay itself, the X connection with its window and the composition of
 // the picture, runs on the station's own thread (StationThread), which is
 // handed each picture as a value and reports back what happened to its server.
+//
+// A display that cannot be reached has no thread: each update() tries its
+// socket without waiting (ConnectionAttempts paces the tries and their log
+// lines), and the station's thread is started only when something listens
+// there. When that thread cannot connect (the server does not answer its
+// setup, or went away), it is stopped at the next update() and the display
+// waits again.
 class DisplayConfiguration : public QObject
 {
     Q_OBJECT
@@ -105,6 +113,9 @@ Q_SIGNALS:
 
 private:
     void localeAnswered(const QString& locale);
+    // Starts the station's thread when the display's socket takes a
+    // connection; otherwise counts a failed attempt. Never waits.
+    void tryToConnect();
     void takeStationReports();
     // Asks the platform for the values of the picture of the current state;
     // the picture is handed to the station once they are in.
@@ -138,5 +149,9 @@ private:
     // Children of this object, so that none outlives it.
     Orvanta::PendingCallGroup* localeCall = nullptr;
     Orvanta::PendingCallGroup* valueCalls = nullptr;
+    ConnectionAttempts connectionAttempts;
+    // Null while the display cannot be reached.
     std::unique_ptr<StationThread> station;
+    // The station's thread could not connect: it is stopped at the next update().
+    bool stationFailed = false;
 };

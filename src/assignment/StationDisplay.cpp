@@ -1,5 +1,6 @@
 #include "assignment/StationDisplay.h"
 
+#include "assignment/DisplaySocket.h"
 #include "common/Logger.h"
 #include "common/Util.h"
 
@@ -17,7 +18,6 @@
 #include <limits>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <utility>
@@ -132,21 +132,6 @@ private:
     xcb_auth_info_t info{};
 };
 
-// Connects `fd` to the Unix socket at `path` (a leading NUL names an abstract
-// socket) without waiting: a server whose queue of new connections is full
-// refuses at once instead of holding the thread.
-bool connectUnixSocket(int fd, const QByteArray& path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (static_cast<size_t>(path.size()) > sizeof(address.sun_path)) {
-        return false;
-    }
-    memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
-    return connect(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0;
-}
-
 // Warns when the server on the other end of `fd` runs under an account that is
 // neither root nor this daemon's own: someone else may have taken the display's
 // socket first. The server is used all the same.
@@ -181,6 +166,10 @@ void StationDisplay::update()
 {
     if (!connection) {
         if (!openDisplay()) {
+            // A server without a screen keeps its connection: that is no failure to connect.
+            if (listener && !connection) {
+                listener->connectFailed();
+            }
             return;
         }
         if (listener) {
@@ -266,23 +255,6 @@ bool StationDisplay::loadImage(const QString& fileName)
     return composer.loadImage(fileName, QString(), width, height);
 }
 
-int StationDisplay::connectSocket() const
-{
-    // The abstract socket first, as xcb does, then the one in the file system.
-    const QByteArray path = "/tmp/.X11-unix/X" + QByteArray::number(displayId);
-    for (const QByteArray& candidate : {QByteArray(1, '\0') + path, path}) {
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (fd < 0) {
-            return -1;
-        }
-        if (connectUnixSocket(fd, candidate)) {
-            return fd;
-        }
-        close(fd);
-    }
-    return -1;
-}
-
 bool StationDisplay::openDisplay()
 {
     if (connection) {
@@ -291,13 +263,16 @@ bool StationDisplay::openDisplay()
     // A socket of our own, so that the listener can end a setup that takes too
     // long, or later a write to a server that stopped reading, by shutting a
     // duplicate of it down: xcb owns the one it is given.
-    const int fd = connectSocket();
+    const int fd = DisplaySocket::connect(displayId);
     const int controlFd = fd < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0);
     if (controlFd < 0) {
         if (fd >= 0) {
             close(fd);
         }
-        SELVANE_LOG(LEVEL_WARNING, "Could not get connection to display :%d", displayId);
+        // A listener counts the failures and says what it makes of them.
+        if (!listener) {
+            SELVANE_LOG(LEVEL_WARNING, "Could not get connection to display :%d", displayId);
+        }
         return false;
     }
     if (listener) {
@@ -314,7 +289,10 @@ bool StationDisplay::openDisplay()
         if (listener) {
             listener->socketClosing();
         }
-        SELVANE_LOG(LEVEL_WARNING, "Could not get connection to display :%d", displayId);
+        // A listener counts the failures and says what it makes of them.
+        if (!listener) {
+            SELVANE_LOG(LEVEL_WARNING, "Could not get connection to display :%d", displayId);
+        }
         return false;
     }
     connection = std::move(opened);

@@ -44,6 +44,8 @@ public:
         virtual void connectFinished() = 0;
         // The connection ends: the descriptor given to socketOpened must go now.
         virtual void socketClosing() = 0;
+        // An update could not connect to the display (which is then not logged).
+        virtual void connectFailed() = 0;
         virtual void connected(uint32_t width, uint32_t height) = 0;
         virtual void lost() = 0;
         virtual void screenSizeChanged(uint32_t width, uint32_t height) = 0;
@@ -91,8 +93,6 @@ public:
     void redrawWindow();
 
 private:
-    // A connected socket to the server, or -1 (logged by the caller).
-    int connectSocket() const;
     // Checks the server's setup (ServerSetupCheck) and takes its first screen;
     // false, logged, when the display is refused. A screen too large is taken
     // all the same, so that a RandR change to a size that fits can use it.

@@ -12,6 +12,7 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <system_error>
 
 #include <pthread.h>
 #include <sched.h>
@@ -159,6 +160,7 @@ public:
         const std::lock_guard<std::mutex> lock(mailbox.mutex);
         mailbox.closeSocket();
     }
+    void connectFailed() override { mailbox.report({Report::CONNECT_FAILED, 0, 0, 0}); }
     void connected(uint32_t width, uint32_t height) override
     {
         mailbox.report({Report::CONNECTED, width, height, 0});
@@ -198,11 +200,19 @@ StationThread::StationThread(int displayId) : mailbox(std::make_shared<Mailbox>(
         SELVANE_LOG(LEVEL_ERROR, "Could not create the wake-up of display :%d: %s", displayId,
                     strerror(errno));
     }
-    thread = std::thread(&StationThread::run, mailbox);
+    try {
+        thread = std::thread(&StationThread::run, mailbox);
+    } catch (const std::system_error&) {
+        // At the process's or the system's limit of tasks.
+        SELVANE_LOG(LEVEL_ERROR, "Could not start a thread for display :%d", displayId);
+    }
 }
 
 StationThread::~StationThread()
 {
+    if (!thread.joinable()) {
+        return;
+    }
     {
         const std::lock_guard<std::mutex> lock(mailbox->mutex);
         mailbox->stopRequested = true;

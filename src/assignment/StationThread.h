@@ -36,6 +36,8 @@ public:
         enum Kind : int
         {
             CONNECTED,
+            // An attempt to connect to the display failed.
+            CONNECT_FAILED,
             LOST,
             SCREEN_SIZE_CHANGED,
             PICTURE_DONE
@@ -50,6 +52,7 @@ public:
     static constexpr int connectTimeoutMs = 2000;
 
     // Starts the thread; the display is opened by the first requested update.
+    // When no thread can be started, that is logged and isRunning() is false.
     explicit StationThread(int displayId);
     // Stops the thread: it closes its display when it can; a thread stuck on
     // its server gets its socket shut down. A thread still composing then is
@@ -58,6 +61,8 @@ public:
 
     StationThread(const StationThread&) = delete;
     StationThread& operator=(const StationThread&) = delete;
+
+    bool isRunning() const { return thread.joinable(); }
 
     // Asks for one periodic step of the display.
     void requestUpdate();

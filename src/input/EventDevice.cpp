@@ -115,6 +115,8 @@ EventDevice::EventDevice(QString path)
     }
 
     deviceFileName = path;
+    node = DeviceNode::ofDescriptor(fd);
+    nameNode = DeviceNode::ofPath(path);
     // Keys already held now count as down, in both states, so none of them looks freshly
     // pressed.
     ioctl(fd, EVIOCGKEY(keyState.size()), keyState.data());
@@ -223,6 +225,25 @@ bool EventDevice::isTakingRecords() const
 QVector<EventDevice*> EventDevice::openDevices()
 {
     return openDeviceList;
+}
+
+const EventDevice* EventDevice::findOtherName(const QVector<EventDevice*>& devices,
+                                              const QString& path,
+                                              const std::optional<DeviceNode>& node)
+{
+    if (!node) {
+        return nullptr;
+    }
+    for (const EventDevice* device : devices) {
+        if (device->node == node || device->nameNode == node) {
+            SELVANE_LOG(LEVEL_WARNING, "Device " + Orvanta::escapeForLog(path) +
+                                           " is the same device as " +
+                                           Orvanta::escapeForLog(device->deviceFileName) +
+                                           ", which is already open.  Ignoring it.");
+            return device;
+        }
+    }
+    return nullptr;
 }
 
 void EventDevice::queueRecord(const QueuedRecord& record)
@@ -440,4 +461,6 @@ void EventDevice::closeDescriptor()
     openDeviceList.removeOne(this);
     close(fd);
     fd = -1;
+    node.reset();
+    nameNode.reset();
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "input/DeviceNode.h"
+
 #include <QHash>
 #include <QObject>
 #include <QString>
@@ -10,6 +12,7 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <optional>
 
 class QSocketNotifier;
 
@@ -43,6 +46,8 @@ public:
 
     int getFd() const { return fd; }
     QString getDeviceFileName() const { return deviceFileName; }
+    // The node of the open descriptor; none while closed.
+    const std::optional<DeviceNode>& getNode() const { return node; }
 
     // Takes what the kernel has queued, then processes the device's queue (at most
     // maxRecordsPerUpdate records; the rest waits for the next call). Never waits.
@@ -55,6 +60,12 @@ public:
     bool isTakingRecords() const;
     // Every device that is open now, in the order they were opened.
     static QVector<EventDevice*> openDevices();
+    // The device among `devices` that is `node`, which `path` names (as a name, before it is
+    // opened, or as an open descriptor): one device under a second name is held once, so the
+    // second name is logged as ignored. Null when `node` is none of them (or unknown).
+    static const EventDevice* findOtherName(const QVector<EventDevice*>& devices,
+                                            const QString& path,
+                                            const std::optional<DeviceNode>& node);
 
     bool isKeyPressed(int key) const;
     // Whether any key 0..lastKeyCode-1 is down.
@@ -113,6 +124,11 @@ private:
 
     int fd = -1;
     QString deviceFileName;
+    std::optional<DeviceNode> node;
+    // The node that the device's name showed once it was open; none while closed. The same
+    // as `node` for a device node; an emulated node (umockdev) shows the emulated device's
+    // number for its name, while its descriptor is a pseudo terminal.
+    std::optional<DeviceNode> nameNode;
     KeyBits keyState{};
     KeyBits previousKeyState{};
     QHash<QString, QString> deviceVariables;

@@ -176,9 +176,15 @@ bool AssignedDeviceHandler::addAssignedDevice(QString deviceFileName, int statio
     const int previousCount = assignedDevices.size();
     EventDevice* device = getEventDevice(deviceFileName);
     if (!device) {
+        if (EventDevice::findOtherName(assignedDevices, deviceFileName,
+                                       DeviceNode::ofPath(deviceFileName))) {
+            return false;
+        }
         SELVANE_LOG(LEVEL_INFO, "Adding assigned device " + Orvanta::escapeForLog(deviceFileName));
         device = new EventDevice(deviceFileName);
-        if (device->getFd() == -1) {
+        // The open descriptor decides: the name may lead elsewhere by now.
+        if (device->getFd() == -1 ||
+            EventDevice::findOtherName(assignedDevices, deviceFileName, device->getNode())) {
             delete device;
             return false;
         }

@@ -31,7 +31,8 @@ public:
     void reloadConfigFile(QString configFileName);
 
     // Opens the device (unless it is already assigned) and sets its
-    // "station_id". False only when the device could not be used.
+    // "station_id". False when the device could not be used or is
+    // assigned under another name (which is then left as it is).
     bool addAssignedDevice(QString deviceFileName, int stationId);
     void removeAssignedDevice(QString deviceFileName);
     EventDevice* getEventDevice(QString deviceFileName);

@@ -203,10 +203,14 @@ private Q_SLOTS:
         QVERIFY(blackbox->getPlatform().waitForCall(
             QStringLiteral("com.orvanta.Controllers.Session.GetLocaleForUserOnDisplay %1")
                 .arg(display)));
-        // Three tries to connect, a tick apart, and no value asked.
+        // Tries to connect, a tick apart (only the first failure is logged),
+        // and no value asked.
         QVERIFY2(blackbox->waitForLog(
-                     QStringLiteral("Could not get connection to display :%1").arg(display), 3),
+                     QStringLiteral("Could not get connection to display :%1").arg(display), 1),
                  qPrintable(blackbox->logTail()));
+        for (int tick = 0; tick < 3; ++tick) {
+            QVERIFY(blackbox->passTick());
+        }
         QCOMPARE(databaseCalls(), 0);
 
         QVERIFY(late.startOn(display));
