@@ -109,14 +109,13 @@ void DisplayConfiguration::tryToConnect()
     if (!connectionAttempts.isDue(now)) {
         return;
     }
-    const int probe = DisplaySocket::connect(displayId);
-    if (probe < 0) {
+    Orvanta::OwnedFd socket(DisplaySocket::connect(displayId));
+    if (!socket.isValid()) {
         connectionAttempts.failed(now, socketRetryDelay);
         return;
     }
-    // The thread connects on its own socket, with the deadline for the setup.
-    close(probe);
-    auto started = std::make_unique<StationThread>(displayId);
+    // The thread sets the connection up on this socket, with the deadline for the setup.
+    auto started = std::make_unique<StationThread>(displayId, std::move(socket));
     if (!started->isRunning()) {
         connectionAttempts.failed(now, setupRetryDelay);
         return;

@@ -263,7 +263,8 @@ bool StationDisplay::openDisplay()
     // A socket of our own, so that the listener can end a setup that takes too
     // long, or later a write to a server that stopped reading, by shutting a
     // duplicate of it down: xcb owns the one it is given.
-    const int fd = DisplaySocket::connect(displayId);
+    const int fd =
+        connectedSocket.isValid() ? connectedSocket.release() : DisplaySocket::connect(displayId);
     const int controlFd = fd < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0);
     if (controlFd < 0) {
         if (fd >= 0) {

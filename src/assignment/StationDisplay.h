@@ -5,6 +5,7 @@
 #include "assignment/ServerSetupCheck.h"
 #include "assignment/StationKeymap.h"
 #include "assignment/XcbHandles.h"
+#include "common/OwnedFd.h"
 
 #include <QVector>
 
@@ -70,6 +71,10 @@ public:
     // when the map could not be read.
     QString getKeyboardLayout() const { return keymap.getLayoutName(); }
 
+    // The next opening uses `socket`, connected to the display already,
+    // instead of connecting anew; the display owns it from now on.
+    void useSocket(Orvanta::OwnedFd socket) { connectedSocket = std::move(socket); }
+
     // One periodic step: opens the display when needed, notices a lost
     // server, raises the window and handles the pending X events.
     void update();
@@ -115,6 +120,7 @@ private:
 
     int displayId;
     Listener* listener;
+    Orvanta::OwnedFd connectedSocket;
     XcbConnection connection;
     // The first screen's record in the connection's setup, once checked.
     const xcb_screen_t* screen = nullptr;

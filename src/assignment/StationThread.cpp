@@ -190,7 +190,8 @@ std::vector<AbandonedThread>& abandonedThreads()
 }
 } // namespace
 
-StationThread::StationThread(int displayId) : mailbox(std::make_shared<Mailbox>(displayId))
+StationThread::StationThread(int displayId, Orvanta::OwnedFd socket)
+    : mailbox(std::make_shared<Mailbox>(displayId))
 {
     if (mailbox->wakeFd >= 0) {
         wakeNotifier = std::make_unique<QSocketNotifier>(mailbox->wakeFd, QSocketNotifier::Read);
@@ -201,7 +202,9 @@ StationThread::StationThread(int displayId) : mailbox(std::make_shared<Mailbox>(
                     strerror(errno));
     }
     try {
-        thread = std::thread(&StationThread::run, mailbox);
+        // The descriptor is the thread's from here on: a value, not an object of this one.
+        thread = std::thread(&StationThread::run, mailbox, socket.get());
+        socket.release();
     } catch (const std::system_error&) {
         // At the process's or the system's limit of tasks.
         SELVANE_LOG(LEVEL_ERROR, "Could not start a thread for display :%d", displayId);
@@ -303,7 +306,7 @@ void StationThread::enforceConnectDeadline()
     }
 }
 
-void StationThread::run(const std::shared_ptr<Mailbox>& mailbox)
+void StationThread::run(const std::shared_ptr<Mailbox>& mailbox, int socket)
 {
     // The crash report runs on it, should this thread overflow its stack.
     const Orvanta::AlternateSignalStack signalStack;
@@ -313,6 +316,7 @@ void StationThread::run(const std::shared_ptr<Mailbox>& mailbox)
     {
         Worker worker(*mailbox);
         StationDisplay display(mailbox->displayId, &worker);
+        display.useSocket(Orvanta::OwnedFd(socket));
         for (;;) {
             bool updateDue = false;
             std::optional<OverlayContent> picture;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "assignment/OverlayContent.h"
+#include "common/OwnedFd.h"
 
 #include <QObject>
 #include <QSocketNotifier>
@@ -51,9 +52,10 @@ public:
     // The longest a connection may take to be set up before its socket is shut down.
     static constexpr int connectTimeoutMs = 2000;
 
-    // Starts the thread; the display is opened by the first requested update.
-    // When no thread can be started, that is logged and isRunning() is false.
-    explicit StationThread(int displayId);
+    // Starts the thread; the display is opened by the first requested update,
+    // on `socket` when that is connected to the display already. When no
+    // thread can be started, that is logged and isRunning() is false.
+    explicit StationThread(int displayId, Orvanta::OwnedFd socket = {});
     // Stops the thread: it closes its display when it can; a thread stuck on
     // its server gets its socket shut down. A thread still composing then is
     // left to end by itself and joined later (joinAbandoned()).
@@ -88,7 +90,7 @@ private:
     struct Mailbox;
     class Worker;
 
-    static void run(const std::shared_ptr<Mailbox>& mailbox);
+    static void run(const std::shared_ptr<Mailbox>& mailbox, int socket);
 
     std::shared_ptr<Mailbox> mailbox;
     std::unique_ptr<QSocketNotifier> wakeNotifier;

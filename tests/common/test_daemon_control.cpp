@@ -362,7 +362,7 @@ private Q_SLOTS:
         QVERIFY(DaemonRunner::waitUntil([&] {
             return readFile(QStringLiteral("/proc/%1/comm").arg(daemon)) == "orvanta-selvane\n";
         }));
-        QVERIFY(chmod(QFile::encodeName(dir.path()).constData(), 0711) == 0);
+        QVERIFY(chmod(QFile::encodeName(dir->path()).constData(), 0711) == 0);
         QVERIFY(writeFile(pidFile, QByteArray::number(daemon)));
         QVERIFY(chmod(QFile::encodeName(pidFile).constData(), 0644) == 0);
 

@@ -230,7 +230,11 @@ void ReloadBlackboxTest::longLinesRunWholeOrNotAtAllAtReloadAndAtStart()
     // A longer line would have run cut, so nothing of it may run.
     lines +=
         "KEY_LEFTCTRL:KEY_F2:echo cut" + target.chopped(1) + "; : " + QByteArray(5000, 'c') + "\n";
-    lines += QByteArray("KEY_LEFTCTRL:KEY_F3:echo nul\0", 29) + target;
+    // 1,300 characters too, with a NUL byte after a command that once ran alone.
+    const QByteArray nulHead = "KEY_LEFTCTRL:KEY_F3:echo nul" + target.chopped(1) + "; : ";
+    const QByteArray nulLine = nulHead + '\0' + QByteArray(1300 - 2 - nulHead.size(), 'n') + "\n";
+    QCOMPARE(nulLine.size(), 1300);
+    lines += nulLine;
     lines += "KEY_LEFTCTRL:KEY_F4:echo " + widest + target;
     QCOMPARE(lines.indexOf(wide + target) + wide.size() + target.size(), 1300);
     QVERIFY(lines.endsWith("\nKEY_LEFTCTRL:KEY_F4:echo " + widest + target));
