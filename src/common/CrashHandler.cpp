@@ -224,6 +224,9 @@ void segfault_handler(int signalNumber)
     _exit(1);
 }
 
+// Held here rather than released, so that it stays reachable to the end.
+AlternateSignalStack* mainThreadStack = nullptr;
+
 } // namespace
 
 bool install(const QString& pidFile)
@@ -237,7 +240,7 @@ bool install(const QString& pidFile)
     backtrace(warmUp, 1);
     // The main thread's stack, for the life of the process: it is never
     // taken back, not even by the static destructors at exit.
-    const auto* stack = new AlternateSignalStack;
+    mainThreadStack = new AlternateSignalStack;
 
     struct sigaction action = {};
     action.sa_handler = segfault_handler;
@@ -246,7 +249,7 @@ bool install(const QString& pidFile)
     for (const auto& fatal : fatalSignals) {
         sigaction(fatal.number, &action, nullptr);
     }
-    return stack->isValid();
+    return mainThreadStack->isValid();
 }
 
 } // namespace Orvanta::CrashHandler
