@@ -12,7 +12,9 @@
 // is uploaded in must have a pixel size and a scanline pad that the upload
 // can handle. Works on plain bytes (the reply as xcb_get_setup() holds it:
 // 8 bytes plus 4 times its length field), in the client's byte order, and
-// keeps a pointer to them: they must outlive the check.
+// keeps a pointer to them: they must outlive the check. Owned by the
+// StationDisplay of the connection, on that station's thread; it keeps no
+// other state and takes no lock.
 class ServerSetupCheck
 {
 public:

@@ -12,6 +12,7 @@ struct stat;
 // character device node, or the file itself (its file system and inode) for
 // anything else, such as an emulated node or a character node without a
 // device number. Two paths name the same device when their nodes are equal.
+// A plain value, held by an EventDevice on the main thread.
 class DeviceNode
 {
 public:
