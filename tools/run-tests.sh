@@ -84,11 +84,15 @@ build_and_test() {
     return $status
 }
 
-# The in-process tests labelled station_threads, built with ThreadSanitizer:
-# only their programs and their test peers are built. The black-box ones stay
-# out: the built daemon needs umockdev's preload there, which ThreadSanitizer's
-# runtime does not run with. Every report of any process goes to a file; one
-# is a failure.
+# The in-process tests labelled station_threads (the station threads and the
+# input reader's thread), built with ThreadSanitizer: only their programs and
+# their test peers are built. The black-box ones stay out: the built daemon
+# needs umockdev's preload there, which ThreadSanitizer's runtime does not run
+# with. Every report of any process goes to a file; one is a failure. The
+# libraries that are not instrumented (Qt, glib, umockdev) hand over through
+# their own futexes, so the C library calls they make (a wait condition freed
+# once QtTest's watchdog thread has ended, umockdev's worker copying a string)
+# are not checked: ignore_noninstrumented_modules. The project's own code is.
 test_station_threads() {
     local dir=build-tsan
     echo "== Configuring $dir -DSELVANE_TSAN=ON"
@@ -108,7 +112,7 @@ test_station_threads() {
     mkdir -p "$reports"
     local log="$root/$dir/ctest-output.txt"
     local status=0
-    TSAN_OPTIONS="suppressions=$root/tests/support/tsan-suppressions.txt die_after_fork=0 log_path=$reports/report" \
+    TSAN_OPTIONS="suppressions=$root/tests/support/tsan-suppressions.txt die_after_fork=0 ignore_noninstrumented_modules=1 log_path=$reports/report" \
         ctest --test-dir "$root/$dir" -L station_threads -LE blackbox --output-on-failure --timeout 600 2>&1 |
         tee "$log" || status=$?
     if grep -q 'The following tests did not run' "$log"; then
