@@ -252,15 +252,3 @@ Orvanta::OwnedFd CommandLauncher::launch(const QByteArray& command,
     }
     return process;
 }
-
-void CommandLauncher::waitCollected()
-{
-    if (launcher().state != LauncherState::RUNNING) {
-        return;
-    }
-    LauncherProcess::Reply reply = {};
-    Orvanta::OwnedFd unexpected;
-    if (receiveReply(reply, unexpected) && reply.kind != LauncherProcess::Reply::ENDED) {
-        giveUp("gave an answer that makes no sense");
-    }
-}

@@ -18,13 +18,10 @@ public:
     // and before it gives up its own capabilities. False when no launcher could be started.
     static bool start();
 
-    // Hands the command over and waits for the launcher's answer. A pidfd of the started
-    // command, or an invalid one when it could not be started or handed over. A process that
-    // never called start() starts its launcher here, at its first command.
+    // Hands the command over and takes the launcher's answer, which comes as soon as the
+    // command has started. A pidfd of the started command (readable once it has ended; the
+    // launcher collects it), or an invalid one when it could not be started or handed over. A
+    // process that never called start() starts its launcher here, at its first command.
     static Orvanta::OwnedFd launch(const QByteArray& command,
                                    const QVector<QByteArray>& environment);
-
-    // Once the command's pidfd is readable: waits until the launcher has collected it, so no
-    // trace of the command is left when this returns.
-    static void waitCollected();
 };

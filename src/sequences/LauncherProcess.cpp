@@ -10,6 +10,7 @@
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -129,32 +130,44 @@ bool splitRequest(char* bytes, std::uint32_t length, std::uint32_t strings, char
     return found == strings;
 }
 
-// Waits until the command has ended and collects it. False when the daemon's end closed (or
-// sent something) meanwhile: the launcher then ends and leaves the command running.
-bool waitForCommand(pid_t pid, int pidFd)
+// Blocks SIGCHLD and returns a descriptor that becomes readable when a command has ended, so
+// that one poll waits for requests and ended commands alike; -1 on failure.
+int watchEndedCommands()
 {
-    pollfd descriptors[] = {{pidFd, POLLIN, 0}, {socketFd, POLLIN, 0}};
+    sigset_t childSignal;
+    sigemptyset(&childSignal);
+    sigaddset(&childSignal, SIGCHLD);
+    if (sigprocmask(SIG_BLOCK, &childSignal, nullptr) != 0) {
+        return -1;
+    }
+    return signalfd(-1, &childSignal, SFD_NONBLOCK | SFD_CLOEXEC);
+}
+
+// Empties the signal descriptor and collects every command that has ended: several ends may
+// come as one signal. Returns how many were collected.
+unsigned collectEnded(int childEvents)
+{
+    signalfd_siginfo info;
     for (;;) {
-        if (poll(descriptors, 2, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
+        const ssize_t got = read(childEvents, &info, sizeof info);
+        if (got <= 0 && !(got < 0 && errno == EINTR)) {
+            break;
         }
-        if (descriptors[1].revents != 0) {
-            return false;
-        }
-        if (descriptors[0].revents != 0) {
-            while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-            }
-            return true;
+    }
+    unsigned collected = 0;
+    for (;;) {
+        const pid_t pid = waitpid(-1, nullptr, WNOHANG);
+        if (pid > 0) {
+            ++collected;
+        } else if (pid == 0 || errno != EINTR) {
+            return collected;
         }
     }
 }
 
 } // namespace
 
-void run(int socket, Privileges privileges)
+void run(int socket, Privileges privileges, unsigned maxRunning)
 {
     resetSignals();
     prctl(PR_SET_NAME, "selvane-launch", 0, 0, 0);
@@ -174,9 +187,9 @@ void run(int socket, Privileges privileges)
     char** pointers = static_cast<char**>(memory);
     char* bytes = static_cast<char*>(memory) + pointerBytes;
 
-    // Every signal with its default action and none blocked, the C library's internal ones
-    // too (sigfillset leaves those out); a session of its own, so the command has no
-    // controlling terminal and a signal to the daemon's process group does not reach it.
+    // Every signal with its default action and none blocked (the launcher blocks SIGCHLD), the
+    // C library's internal ones too (sigfillset leaves those out); a session of its own, so the
+    // command has no controlling terminal and a signal to the daemon's group does not reach it.
     sigset_t all;
     std::memset(&all, 0xff, sizeof all);
     sigset_t none;
@@ -191,7 +204,26 @@ void run(int socket, Privileges privileges)
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
 
+    // The launcher's children are its commands only, so every pid collected is one of them.
+    const int childEvents = watchEndedCommands();
+    if (childEvents == -1) {
+        _exit(1);
+    }
+    unsigned running = 0;
+    pollfd descriptors[] = {{socketFd, POLLIN, 0}, {childEvents, POLLIN, 0}};
     for (;;) {
+        if (poll(descriptors, 2, -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            _exit(1);
+        }
+        if (descriptors[1].revents != 0) {
+            running -= collectEnded(childEvents);
+        }
+        if (descriptors[0].revents == 0) {
+            continue;
+        }
         Request request = {};
         if (!readFully(&request, sizeof request) || request.length > maxRequestBytes ||
             request.strings == 0 || request.strings > maxStrings ||
@@ -199,6 +231,16 @@ void run(int socket, Privileges privileges)
             !splitRequest(bytes, request.length, request.strings, pointers)) {
             // The daemon has gone, or this is not the daemon speaking.
             _exit(0);
+        }
+        if (running >= maxRunning) {
+            // A command may have ended since the last poll.
+            running -= collectEnded(childEvents);
+        }
+        if (running >= maxRunning) {
+            if (!sendReply(Reply::FAILED, EAGAIN)) {
+                _exit(0);
+            }
+            continue;
         }
         char shell[] = "bash";
         char option[] = "-c";
@@ -224,10 +266,10 @@ void run(int socket, Privileges privileges)
             }
             continue;
         }
+        ++running;
         const bool sent = sendReply(Reply::STARTED, 0, pidFd);
-        const bool ended = sent && waitForCommand(pid, pidFd);
         close(pidFd);
-        if (!ended || !sendReply(Reply::ENDED, 0)) {
+        if (!sent) {
             _exit(0);
         }
     }

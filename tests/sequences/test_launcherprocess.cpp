@@ -19,6 +19,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 using LauncherProcess::Reply;
 using LauncherProcess::Request;
@@ -57,6 +58,22 @@ bool waitReadable(int fd)
     return polled > 0;
 }
 
+// Whether the pidfd says its process has ended, without waiting.
+bool hasEnded(int pidFd)
+{
+    pollfd ready{pidFd, POLLIN, 0};
+    return poll(&ready, 1, 0) == 1;
+}
+
+// The pid a pidfd refers to, from its fdinfo.
+QByteArray pidOf(int pidFd)
+{
+    const QByteArray info = readFile(QStringLiteral("/proc/self/fdinfo/%1").arg(pidFd));
+    const QRegularExpressionMatch match =
+        QRegularExpression("^Pid:\\s*(\\d+)$", QRegularExpression::MultilineOption).match(info);
+    return match.captured(1).toLatin1();
+}
+
 // The values of the fields of /proc/<pid>/status that a test looks at, one "Name: value" line
 // each, the values with their blanks simplified.
 QByteArray statusFields(const QByteArray& status, const QList<QByteArray>& names)
@@ -77,7 +94,8 @@ class LauncherUnderTest
 {
 public:
     LauncherUnderTest(LauncherProcess::Privileges privileges,
-                      const std::function<void()>& beforeRun = {})
+                      const std::function<void()>& beforeRun = {},
+                      unsigned maxRunning = LauncherProcess::maxRunningCommands)
     {
         int ends[2];
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
@@ -90,7 +108,7 @@ public:
             if (beforeRun) {
                 beforeRun();
             }
-            LauncherProcess::run(launcherEnd.get(), privileges);
+            LauncherProcess::run(launcherEnd.get(), privileges, maxRunning);
         }
     }
     ~LauncherUnderTest()
@@ -146,16 +164,25 @@ public:
         }
         return reply;
     }
-    // Runs the command to its end as the daemon does; false if any step went otherwise.
-    bool runCommand(const QByteArray& command, const QList<QByteArray>& environment = {})
+    // Starts the command; its pidfd, invalid if it was not started.
+    OwnedFd startCommand(const QByteArray& command, const QList<QByteArray>& environment = {})
     {
         OwnedFd process;
-        if (!sendRequest(command, environment) || receive(process).kind != Reply::STARTED ||
-            !process.isValid() || !waitReadable(process.get())) {
-            return false;
+        if (!sendRequest(command, environment) || receive(process).kind != Reply::STARTED) {
+            return OwnedFd();
         }
-        OwnedFd none;
-        return receive(none).kind == Reply::ENDED && !none.isValid();
+        return process;
+    }
+    // Runs the command to its end as the daemon sees it; false if any step went otherwise.
+    bool runCommand(const QByteArray& command, const QList<QByteArray>& environment = {})
+    {
+        const OwnedFd process = startCommand(command, environment);
+        return process.isValid() && waitReadable(process.get());
+    }
+    // The pids of the launcher's children, that is of the commands it has not collected.
+    QByteArray children() const
+    {
+        return readFile(QStringLiteral("/proc/%1/task/%1/children").arg(pid)).trimmed();
     }
     // The launcher's exit status, -1 when it did not end in time.
     int waitForExit()
@@ -263,6 +290,76 @@ private Q_SLOTS:
         QVERIFY(!attached.isValid());
         // It goes on serving.
         QVERIFY(launcher.runCommand("true"));
+    }
+
+    void aCommandStartsWithNoSignalBlockedOrIgnored()
+    {
+        // The launcher itself blocks SIGCHLD.
+        LauncherUnderTest launcher(LauncherProcess::Privileges::KEEP_ALL);
+        const QString out = dir->filePath("out");
+        QVERIFY(
+            launcher.runCommand("grep -E '^Sig(Blk|Ign):' /proc/self/status > " + out.toUtf8()));
+        QCOMPARE(readFile(out),
+                 QByteArray("SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n"));
+    }
+
+    void aCommandStartsWhileAnEarlierOneStillRuns()
+    {
+        LauncherUnderTest launcher(LauncherProcess::Privileges::KEEP_ALL);
+        const QString gate = dir->filePath("gate");
+        const OwnedFd first = launcher.startCommand(commandWaitingFor(gate).toUtf8());
+        QVERIFY(first.isValid());
+        const QString out = dir->filePath("out");
+        QVERIFY(launcher.runCommand("echo second > " + out.toUtf8()));
+        QCOMPARE(readFile(out), QByteArray("second\n"));
+        QVERIFY(!hasEnded(first.get()));
+        QVERIFY(writeFile(gate, {}));
+        QVERIFY(waitReadable(first.get()));
+    }
+
+    void theLauncherCollectsEndedCommandsOnItsOwn()
+    {
+        LauncherUnderTest launcher(LauncherProcess::Privileges::KEEP_ALL);
+        const QString gate = dir->filePath("gate");
+        const OwnedFd waiting = launcher.startCommand(commandWaitingFor(gate).toUtf8());
+        QVERIFY(waiting.isValid());
+        std::vector<OwnedFd> quick;
+        for (int i = 0; i < 5; ++i) {
+            quick.push_back(launcher.startCommand("true"));
+            QVERIFY(quick.back().isValid());
+        }
+        for (const OwnedFd& process : quick) {
+            QVERIFY(waitReadable(process.get()));
+        }
+        // Only the command that still runs is left a child of the launcher.
+        const QByteArray waitingPid = pidOf(waiting.get());
+        QVERIFY(!waitingPid.isEmpty());
+        QTRY_COMPARE_WITH_TIMEOUT(launcher.children(), waitingPid, timeoutMs);
+        QVERIFY(writeFile(gate, {}));
+        QVERIFY(waitReadable(waiting.get()));
+        QTRY_COMPARE_WITH_TIMEOUT(launcher.children(), QByteArray(), timeoutMs);
+    }
+
+    void beyondItsLimitOfRunningCommandsTheLauncherAnswersEagain()
+    {
+        LauncherUnderTest launcher(LauncherProcess::Privileges::KEEP_ALL, {}, 2);
+        const QString gate = dir->filePath("gate");
+        const OwnedFd first = launcher.startCommand(commandWaitingFor(gate).toUtf8());
+        const OwnedFd second = launcher.startCommand(commandWaitingFor(gate).toUtf8());
+        QVERIFY(first.isValid() && second.isValid());
+        const QString out = dir->filePath("out");
+        QVERIFY(launcher.sendRequest("echo third > " + out.toUtf8(), {}));
+        OwnedFd attached;
+        const Reply reply = launcher.receive(attached);
+        QCOMPARE(reply.kind, std::int32_t(Reply::FAILED));
+        QCOMPARE(reply.error, std::int32_t(EAGAIN));
+        QVERIFY(!attached.isValid());
+        QVERIFY(writeFile(gate, {}));
+        QVERIFY(waitReadable(first.get()));
+        QVERIFY(waitReadable(second.get()));
+        // Ended commands free their places.
+        QVERIFY(launcher.runCommand("echo fourth > " + out.toUtf8()));
+        QCOMPARE(readFile(out), QByteArray("fourth\n"));
     }
 
     void aRequestThatIsNotTheDaemonsEndsTheLauncher_data()
