@@ -1,35 +1,48 @@
-// Benchmark of the assigned device handler (not a test: it prints figures).
+// Benchmark of the assigned device handler and the key engine (not a test: it
+// prints figures).
 //
 //   idle update   one AssignedDeviceHandler::update() when no device has input
 //                 queued, with 1, 10, 100 and 500 open devices
-//   match         one key change checked against 10, 100 and 1000 configured
-//                 sequences; every sequence's hold key is down and its press key
-//                 is not the key just pressed, so each one is tested in full
+//   match         KeyEngine::feed() of one press and release (two key records,
+//                 each in its frame) against 10, 100 and 1000 command
+//                 combinations; every combination's hold key is down and its
+//                 press key is not the key pressed, so each one is tested in
+//                 full on both records
 //   command       the daemon's own CPU (user and system, children excluded)
-//                 per command started and waited for ("true" under bash -c),
-//                 with 9 MB resident, about what the daemon holds
+//                 per command submitted to the CommandScheduler until the
+//                 command's process has ended, and the wall time from submit
+//                 to that end, with 9 MB resident, about what the daemon holds.
+//                 The command is a bash builtin that holds a named pipe open
+//                 while it lives; the pipe's hang-up, watched from the event
+//                 loop, is the command's end, whether the scheduler waits for
+//                 its commands or lets them end on their own
 //   flood         a 1000 Hz mouse moving for 3 s (REL_X, REL_Y, SYN_REPORT a
 //                 millisecond, a click every 100 frames) with the daemon's
-//                 100 ms tick running: the main thread's CPU per 1000 records
-//                 taken and processed, its share of one core, and its wakeups
-//                 per second
+//                 100 ms tick running, which takes the device's records and
+//                 feeds them to a key engine: the main thread's CPU per 1000
+//                 records written, its share of one core, its wakeups per
+//                 second, and the BTN_LEFT presses among the records taken
 //
 // The devices are named pipes opened read-write with nothing written to them:
 // each is polled and found not readable, which is exactly the idle cost. The
 // evdev probe ioctls EventDevice makes when it opens a device are answered by
-// this program for pipes (a keyboard with EV_KEY and the chosen keys held);
-// umockdev cannot emulate 500 open devices at once.
+// this program for pipes (a keyboard with EV_KEY and no key held); umockdev
+// cannot emulate 500 open devices at once.
 //
 // Run: bench_sequences [minimum milliseconds per figure, default 500]
 
+#include "common/OwnedFd.h"
 #include "input/EventDevice.h"
 #include "input/InputKeyCode.h"
+#include "keys/KeyEngine.h"
 #include "sequences/AssignedDeviceHandler.h"
-#include "sequences/SystemCommandAction.h"
+#include "sequences/CommandScheduler.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
+#include <QEventLoop>
 #include <QFile>
+#include <QSocketNotifier>
 #include <QTemporaryDir>
 #include <QTimer>
 
@@ -48,14 +61,13 @@
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
 
-// Keys a pipe reports as held when it is probed.
-std::vector<int> keysHeldAtOpen;
-
-// Answers an evdev query on a pipe as a keyboard would; false for anything else.
+// Answers an evdev query on a pipe as a keyboard without keys held would; false for
+// anything else.
 bool answerEvdevQuery(int fd, unsigned long request, void* argument, int* result)
 {
     struct stat status
@@ -78,10 +90,6 @@ bool answerEvdevQuery(int fd, unsigned long request, void* argument, int* result
         std::strncpy(static_cast<char*>(argument), "Benchmark Keyboard", size);
     } else if (number == _IOC_NR(EVIOCGBIT(0, 0))) {
         setBit(EV_KEY);
-    } else if (number == _IOC_NR(EVIOCGKEY(0))) {
-        for (int key : keysHeldAtOpen) {
-            setBit(key);
-        }
     }
     *result = static_cast<int>(size);
     return true;
@@ -139,17 +147,10 @@ QString makeDevice(const QTemporaryDir& dir, int number)
     return mkfifo(QFile::encodeName(path).constData(), 0600) == 0 ? path : QString();
 }
 
-bool writeFile(const QString& name, const QByteArray& content)
-{
-    QFile file(name);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
-}
-
 bool benchIdleUpdate(int devices, Clock::duration minimum)
 {
     QTemporaryDir dir;
     AssignedDeviceHandler handler(QString{});
-    keysHeldAtOpen.clear();
     for (int i = 0; i < devices; ++i) {
         const QString path = makeDevice(dir, i);
         if (path.isEmpty() || !handler.addAssignedDevice(path, i + 1)) {
@@ -163,63 +164,128 @@ bool benchIdleUpdate(int devices, Clock::duration minimum)
     return true;
 }
 
-bool benchMatch(int sequences, Clock::duration minimum)
+bool benchMatch(int combinations, Clock::duration minimum)
 {
-    // "KEY_LEFTCTRL:<key>:true" over the other keys of the table, round and round.
-    QByteArray config;
-    const InputKeyCode* ctrl = InputKeyCode::keyCodeFindByName(QStringLiteral("KEY_LEFTCTRL"));
-    for (int written = 0, k = 0; written < sequences; ++k) {
-        const InputKeyCode* key = InputKeyCode::keyCodes.at(k % InputKeyCode::keyCodes.size());
-        if (key != ctrl) {
-            config += "KEY_LEFTCTRL:" + key->getName().toLatin1() + ":true\n";
-            ++written;
+    // Ctrl with another key of the table, round and round; the key pressed is none of them.
+    constexpr std::uint16_t pressedKey = KEY_SPACE;
+    std::vector<KeyEngine::Combination> list;
+    for (int k = 0; static_cast<int>(list.size()) < combinations; ++k) {
+        const int key = InputKeyCode::keyCodes.at(k % InputKeyCode::keyCodes.size())->getCode();
+        if (key != KEY_LEFTCTRL && key != pressedKey) {
+            list.push_back({{KEY_LEFTCTRL}, {key}});
         }
     }
-    QTemporaryDir dir;
-    const QString configName = dir.filePath(QStringLiteral("keys.conf"));
-    if (!writeFile(configName, config)) {
-        std::fprintf(stderr, "could not write the key configuration\n");
+    KeyEngine engine;
+    engine.setCommandCombinations(std::move(list));
+    KeyState ctrlHeld;
+    ctrlHeld.apply(KEY_LEFTCTRL, true);
+    ctrlHeld.settle();
+    constexpr KeyEngine::DeviceId device = 1;
+    engine.addDevice(device, ctrlHeld);
+    const std::vector<KeyRecord> records{KeyRecord::press(pressedKey), KeyRecord::frameEnd(),
+                                         KeyRecord::release(pressedKey), KeyRecord::frameEnd()};
+    // Nothing may match, or the figure would include the work of a match.
+    if (!engine.feed(device, records).empty() || !engine.waitingCommands(device).empty() ||
+        !engine.keyState(device)->isPressed(KEY_LEFTCTRL)) {
+        std::fprintf(stderr, "the press and release of the benchmark key matched\n");
         return false;
     }
-    AssignedDeviceHandler handler(configName);
-    keysHeldAtOpen = {KEY_LEFTCTRL};
-    const QString path = makeDevice(dir, 0);
-    if (path.isEmpty() || !handler.addAssignedDevice(path, 1)) {
-        std::fprintf(stderr, "could not open the device\n");
+    std::size_t decisions = 0;
+    const double ns =
+        nanosecondsPerCall([&] { decisions += engine.feed(device, records).size(); }, minimum);
+    if (decisions != 0) {
+        std::fprintf(stderr, "the press and release of the benchmark key matched\n");
         return false;
     }
-    const EventDevice* device = handler.getEventDevice(path);
-    if (!device->isKeyPressed(KEY_LEFTCTRL)) {
-        std::fprintf(stderr, "the device does not hold Ctrl\n");
-        return false;
-    }
-    const double ns = nanosecondsPerCall([&] { handler.keymapChanged(device); }, minimum);
-    std::printf("match       %5d sequences %12.0f ns/op %10.1f ns/sequence\n", sequences, ns,
-                ns / sequences);
+    std::printf("match       %5d combinations %9.0f ns/op %10.1f ns/combination\n", combinations,
+                ns, ns / combinations);
     return true;
 }
+
+// A named pipe that a command holds open while it lives: the read end, opened before the
+// command starts, reports the hang-up once the command's process has ended.
+class CommandEndPipe
+{
+public:
+    explicit CommandEndPipe(QString pipePath) : path(std::move(pipePath)) {}
+
+    bool create() { return mkfifo(QFile::encodeName(path).constData(), 0600) == 0; }
+    // The command that holds the pipe open until it ends; bash runs it without a fork.
+    QString command() const { return "exec 3>'" + path + "'"; }
+    // Opens a fresh read end for the next command: a read end reports a hang-up only after
+    // a writer that came after it has gone.
+    bool arm()
+    {
+        reader = Orvanta::OwnedFd(
+            open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        return reader.isValid();
+    }
+    // Runs the event loop until the command has ended; false when it did not within the
+    // time given.
+    bool waitForEnd(int timeoutMs)
+    {
+        QEventLoop loop;
+        QSocketNotifier notifier(reader.get(), QSocketNotifier::Read);
+        bool ended = false;
+        QObject::connect(&notifier, &QSocketNotifier::activated, &loop, [&] {
+            char byte = 0;
+            // The command writes nothing: a read of 0 bytes is the hang-up.
+            if (read(reader.get(), &byte, 1) == 0) {
+                ended = true;
+                loop.quit();
+            }
+        });
+        QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
+        loop.exec();
+        return ended;
+    }
+
+private:
+    QString path;
+    Orvanta::OwnedFd reader;
+};
 
 bool benchCommand()
 {
     constexpr int commands = 200;
+    constexpr int timeoutMs = 10000;
     constexpr std::size_t residentBytes = 9 << 20;
     // Touched, so that it is resident and a fork has to copy its page tables.
     std::vector<char> resident(residentBytes, 1);
     QTemporaryDir dir;
-    AssignedDeviceHandler handler(QString{});
-    keysHeldAtOpen.clear();
-    const QString path = makeDevice(dir, 0);
-    if (path.isEmpty() || !handler.addAssignedDevice(path, 3)) {
-        std::fprintf(stderr, "could not open the device\n");
+    CommandEndPipe end(dir.filePath(QStringLiteral("command-ended")));
+    if (!end.create()) {
+        std::fprintf(stderr, "could not make the command's pipe\n");
         return false;
     }
-    const SystemCommandAction action(QStringLiteral("true"), &handler);
-    const EventDevice* device = handler.getEventDevice(path);
+    CommandScheduler scheduler;
+    const CommandScheduler::Command command{QStringLiteral("3"),
+                                            end.command(),
+                                            {{QStringLiteral("station_id"), QStringLiteral("3")}},
+                                            end.command()};
+    // The first command starts the launcher, which a daemon has from its start.
+    if (!end.arm()) {
+        std::fprintf(stderr, "could not open the command's pipe\n");
+        return false;
+    }
+    scheduler.submit(command);
+    if (!end.waitForEnd(timeoutMs)) {
+        std::fprintf(stderr, "the first command did not end\n");
+        return false;
+    }
     rusage before{};
     getrusage(RUSAGE_SELF, &before);
     const Clock::time_point start = Clock::now();
     for (int i = 0; i < commands; ++i) {
-        action.executeCommand(device);
+        if (!end.arm()) {
+            std::fprintf(stderr, "could not open the command's pipe\n");
+            return false;
+        }
+        scheduler.submit(command);
+        if (!end.waitForEnd(timeoutMs)) {
+            std::fprintf(stderr, "command %d did not end within %d ms\n", i + 1, timeoutMs);
+            return false;
+        }
     }
     const double wall = std::chrono::duration<double, std::micro>(Clock::now() - start).count();
     // The pages must stay allocated and touched until the forks are done.
@@ -229,7 +295,8 @@ bool benchCommand()
     const auto micros = [](const timeval& t) { return t.tv_sec * 1e6 + t.tv_usec; };
     const double cpu = micros(after.ru_utime) + micros(after.ru_stime) - micros(before.ru_utime) -
                        micros(before.ru_stime);
-    std::printf("command     true, %zu MB resident %8.1f us daemon CPU/command %8.0f us wall\n",
+    std::printf("command     builtin, %zu MB resident %8.1f us daemon CPU/command %8.0f us wall "
+                "submit to end\n",
                 residentBytes >> 20, cpu / commands, wall / commands);
     return true;
 }
@@ -254,10 +321,13 @@ bool benchFlood()
     constexpr int seconds = 3;
     constexpr int recordsPerFrame = 3;
     QTemporaryDir dir;
-    AssignedDeviceHandler handler(QString{});
-    keysHeldAtOpen.clear();
     const QString path = makeDevice(dir, 0);
-    if (path.isEmpty() || !handler.addAssignedDevice(path, 1)) {
+    if (path.isEmpty()) {
+        std::fprintf(stderr, "could not make the flooding device\n");
+        return false;
+    }
+    EventDevice device(path);
+    if (device.getFd() == -1) {
         std::fprintf(stderr, "could not open the flooding device\n");
         return false;
     }
@@ -266,14 +336,21 @@ bool benchFlood()
         std::fprintf(stderr, "could not open the flooding device for writing\n");
         return false;
     }
-    const EventDevice* device = handler.getEventDevice(path);
+    // The daemon's work on the records: take them, then let the key engine examine them.
+    KeyEngine engine;
+    engine.addDevice(device.getId(), device.getKeysAtOpen());
     int presses = 0;
-    QObject::connect(device, &EventDevice::keymapChanged, [&presses](const EventDevice* d) {
-        presses += d->isKeyPressedOnce(BTN_LEFT) ? 1 : 0;
-    });
+    const auto update = [&] {
+        const EventDevice::Records taken = device.takeRecords();
+        for (const KeyRecord& record : taken.records) {
+            presses += record == KeyRecord::press(BTN_LEFT) ? 1 : 0;
+        }
+        engine.feed(device.getId(), taken.records);
+        device.reportReadError(taken.readError);
+    };
 
     QTimer tick;
-    QObject::connect(&tick, &QTimer::timeout, [&handler] { handler.update(); });
+    QObject::connect(&tick, &QTimer::timeout, update);
     tick.start(100);
     std::atomic<long> records{0};
     std::thread mouse([&] {
@@ -305,14 +382,14 @@ bool benchFlood()
     const ThreadUsage before = mainThreadUsage();
     const Clock::time_point start = Clock::now();
     QCoreApplication::exec();
-    handler.update();
+    update();
     const double wall = std::chrono::duration<double>(Clock::now() - start).count();
     const ThreadUsage after = mainThreadUsage();
     mouse.join();
     close(writer);
 
     const double cpu = after.cpuSeconds - before.cpuSeconds;
-    std::printf("flood 1000 Hz mouse  %ld records, %d of %d presses seen: %8.1f us CPU/1000 "
+    std::printf("flood 1000 Hz mouse  %ld records, %d of %d presses taken: %8.1f us CPU/1000 "
                 "records, %5.2f %% of a core, %6.0f wakeups/s\n",
                 records.load(), presses, framesPerSecond * seconds / 200,
                 cpu * 1e6 / (records.load() / 1000.0), 100.0 * cpu / wall,
@@ -335,8 +412,8 @@ int main(int argc, char* argv[])
     for (int devices : {1, 10, 100, 500}) {
         ok = benchIdleUpdate(devices, minimum) && ok;
     }
-    for (int sequences : {10, 100, 1000}) {
-        ok = benchMatch(sequences, minimum) && ok;
+    for (int combinations : {10, 100, 1000}) {
+        ok = benchMatch(combinations, minimum) && ok;
     }
     ok = benchCommand() && ok;
     ok = benchFlood() && ok;

@@ -7,7 +7,6 @@
 #include "input/InputKeyCode.h"
 #include "sequences/AssignedDeviceHandler.h"
 #include "sequences/KeySequence.h"
-#include "sequences/SystemCommandAction.h"
 
 #include <QString>
 
@@ -37,16 +36,15 @@ void checkKeys(const QVector<const InputKeyCode*>& keys)
 
 void parseLine(const QString& line)
 {
-    const KeySequence sequence(line, nullptr);
+    const KeySequence sequence(line);
     checkKeys(sequence.getHoldKeys());
     checkKeys(sequence.getPressKeys());
     if (sequence.isValid()) {
         const int first = line.indexOf(QLatin1Char(':'));
         const int second = line.indexOf(QLatin1Char(':'), first + 1);
         check(first >= 0 && second > first);
-        const auto* action = dynamic_cast<const SystemCommandAction*>(sequence.getAction());
-        check(action && !action->getCommand().isEmpty());
-        check(action->getCommand() == line.mid(second + 1));
+        check(!sequence.getCommand().isEmpty());
+        check(sequence.getCommand() == line.mid(second + 1));
     }
 
     bool ok = false;

@@ -1,16 +1,17 @@
 #include "assignment/AssignmentHandler.h"
 
 #include "Paths.h"
-#include "assignment/AssignmentAction.h"
 #include "assignment/StationThread.h"
 #include "common/Logger.h"
 #include "common/Util.h"
 #include "input/EventDevice.h"
 #include "input/InputKeyCode.h"
 #include "input/LedBlinker.h"
-#include "sequences/KeySequence.h"
 
 #include <QFile>
+
+#include <algorithm>
+#include <iterator>
 
 namespace {
 constexpr char logSource[] = "AssignmentHandler";
@@ -31,11 +32,14 @@ AssignmentHandler::AssignmentHandler(DBusInterface& dbus, const Selvane& central
     : dbusInterface(dbus), central(centralObject)
 {
     readVersionFile();
+    std::vector<KeyEngine::Combination> keys;
     for (const char* name : assignmentKeyNames) {
-        auto* sequence = new KeySequence();
-        assignmentKeySequences.append(sequence);
-        sequence->addPressKey(InputKeyCode::keyCodeFindByName(QString::fromLatin1(name)));
+        const InputKeyCode* key = InputKeyCode::keyCodeFindByName(QString::fromLatin1(name));
+        // A key missing from the table is pressed by nobody: code -1 never goes down.
+        keys.push_back({{}, {key ? key->getCode() : -1}});
     }
+    engine.setClaimKeys(std::move(keys));
+    waitingDisplays.fill(nullptr, std::size(assignmentKeyNames));
 }
 
 AssignmentHandler::~AssignmentHandler()
@@ -47,7 +51,6 @@ AssignmentHandler::~AssignmentHandler()
     // A blinker gives its keyboard the LEDs back, so it goes before the device.
     qDeleteAll(ledBlinkers);
     qDeleteAll(unassignedDevices);
-    qDeleteAll(assignmentKeySequences);
 }
 
 // The platform's release shows as a badge on the overlay: "ALPHA" wins over
@@ -90,8 +93,8 @@ bool AssignmentHandler::addUnassignedDevice(QString deviceFileName)
         delete device;
         return false;
     }
-    connect(device, &EventDevice::keymapChanged, this, &AssignmentHandler::keymapChanged);
     connect(device, &EventDevice::recordsWaiting, this, &AssignmentHandler::updateWanted);
+    engine.addDevice(device->getId(), device->getKeysAtOpen());
     ledBlinkers.append(new LedBlinker(device));
     unassignedDevices.append(device);
     recreateImages();
@@ -105,6 +108,7 @@ void AssignmentHandler::removeUnassignedDevice(QString deviceFileName)
                     "Removing unassigned device " + Orvanta::escapeForLog(deviceFileName));
         deleteLedBlinker(device);
         unassignedDevices.removeOne(device);
+        engine.removeDevice(device->getId());
         delete device;
     }
     recreateImages();
@@ -130,6 +134,8 @@ DisplayConfiguration* AssignmentHandler::getDisplayConfiguration(DBusInterface& 
     connect(display, &DisplayConfiguration::keyboardAssigned, this,
             &AssignmentHandler::keyboardAssigned);
     connect(display, &DisplayConfiguration::mouseAssigned, this, &AssignmentHandler::mouseAssigned);
+    connect(display, &DisplayConfiguration::mouseStepAbandoned, this,
+            &AssignmentHandler::mouseStepAbandoned);
     displayConfigurations.append(display);
     return display;
 }
@@ -140,14 +146,20 @@ bool AssignmentHandler::bindAssignmentKey(DisplayConfiguration* display)
     if (key.isEmpty()) {
         return false;
     }
-    KeySequence* sequence = findKeySequenceWithPressKey(key);
-    if (!sequence) {
+    const std::optional<std::size_t> index = findKeySequenceWithPressKey(key);
+    if (!index) {
         return false;
     }
-    // Replaces, and so deletes, the action of a display that waited for the
-    // same key before.
-    sequence->setAction(new AssignmentAction(display));
+    // A display that waited for the same key before waits no more.
+    waitingDisplays[static_cast<qsizetype>(*index)] = display;
+    engine.setClaimKeyArmed(*index, true);
     return true;
+}
+
+void AssignmentHandler::unbindAssignmentKey(std::size_t index)
+{
+    waitingDisplays[static_cast<qsizetype>(index)] = nullptr;
+    engine.setClaimKeyArmed(index, false);
 }
 
 void AssignmentHandler::configureKeyboard(int displayId, int stationId)
@@ -181,11 +193,10 @@ void AssignmentHandler::configurationComplete(int displayId)
         if (display->getDisplayId() != displayId) {
             continue;
         }
-        // No action may outlive the display it hands devices to.
-        for (KeySequence* sequence : qAsConst(assignmentKeySequences)) {
-            const auto* action = dynamic_cast<const AssignmentAction*>(sequence->getAction());
-            if (action && action->getDisplay() == display) {
-                sequence->setAction(nullptr);
+        // No key may hand devices to a display that is gone.
+        for (qsizetype index = 0; index < waitingDisplays.size(); ++index) {
+            if (waitingDisplays.at(index) == display) {
+                unbindAssignmentKey(static_cast<std::size_t>(index));
             }
         }
         displayConfigurations.removeOne(display);
@@ -194,17 +205,40 @@ void AssignmentHandler::configurationComplete(int displayId)
     }
 }
 
-KeySequence* AssignmentHandler::findKeySequenceWithPressKey(QString keyName) const
+std::optional<std::size_t> AssignmentHandler::findKeySequenceWithPressKey(QString keyName) const
 {
-    for (KeySequence* sequence : assignmentKeySequences) {
-        for (const InputKeyCode* key : sequence->getPressKeys()) {
-            if (key->getName() == keyName) {
-                return sequence;
-            }
+    for (std::size_t index = 0; index < std::size(assignmentKeyNames); ++index) {
+        if (keyName == QLatin1String(assignmentKeyNames[index])) {
+            return index;
         }
     }
     SELVANE_LOG(LEVEL_BUG, "Could not find key sequence for " + keyName);
+    return std::nullopt;
+}
+
+DisplayConfiguration* AssignmentHandler::displayWaitingFor(QString keyName) const
+{
+    for (std::size_t index = 0; index < std::size(assignmentKeyNames); ++index) {
+        if (keyName == QLatin1String(assignmentKeyNames[index])) {
+            return waitingDisplays.at(static_cast<qsizetype>(index));
+        }
+    }
     return nullptr;
+}
+
+QStringList AssignmentHandler::getAssignmentKeyNames()
+{
+    QStringList names;
+    for (const char* name : assignmentKeyNames) {
+        names.append(QString::fromLatin1(name));
+    }
+    return names;
+}
+
+bool AssignmentHandler::isAnyKeyArmed() const
+{
+    return std::any_of(waitingDisplays.begin(), waitingDisplays.end(),
+                       [](const DisplayConfiguration* display) { return display != nullptr; });
 }
 
 void AssignmentHandler::update()
@@ -226,10 +260,17 @@ void AssignmentHandler::updateDevices()
     for (const QString& deviceFileName : assigned) {
         removeUnassignedDevice(deviceFileName);
     }
-    EventDevice::readEvents(unassignedDevices);
-    for (const EventDevice* device : qAsConst(unassignedDevices)) {
+    for (EventDevice* device : qAsConst(unassignedDevices)) {
+        const EventDevice::Records read = device->takeRecords();
+        for (const KeyEngine::Decision& decision : engine.feed(device->getId(), read.records)) {
+            if (decision.kind == KeyEngine::Decision::Kind::CLAIM) {
+                claim(device, decision.index);
+            }
+        }
+        device->reportReadError(read.readError);
         if (device->getFd() == -1) {
             deleteLedBlinker(device);
+            engine.removeDevice(device->getId());
         }
     }
     EventDevice::deleteClosedEventDevices(unassignedDevices);
@@ -285,20 +326,17 @@ void AssignmentHandler::assignedDevicesChanged()
     recreateImages();
 }
 
-void AssignmentHandler::keymapChanged(const EventDevice* eventDevice)
+void AssignmentHandler::claim(const EventDevice* device, std::size_t keyIndex)
 {
-    if (!eventDevice) {
-        SELVANE_LOG(LEVEL_BUG, "eventDevice is NULL");
+    DisplayConfiguration* display = waitingDisplays.value(static_cast<qsizetype>(keyIndex));
+    if (!display) {
         return;
     }
-    // Just assigned: it goes at the next update and claims nothing more.
-    if (devicesToRemove.contains(eventDevice->getDeviceFileName())) {
-        return;
-    }
-    for (const KeySequence* sequence : qAsConst(assignmentKeySequences)) {
-        if (sequence->checkForValidSequence(eventDevice)) {
-            return;
-        }
+    unbindAssignmentKey(keyIndex);
+    if (!display->assignmentKeyPressed(device)) {
+        // Not taken: the display keeps its key, and the device may still claim a station.
+        waitingDisplays[static_cast<qsizetype>(keyIndex)] = display;
+        engine.withdrawClaim(device->getId(), keyIndex);
     }
 }
 
@@ -314,8 +352,8 @@ void AssignmentHandler::keyboardAssigned(DisplayConfiguration* display,
         SELVANE_LOG(LEVEL_BUG, "The assignment key is empty");
         return;
     }
-    if (KeySequence* sequence = findKeySequenceWithPressKey(key)) {
-        sequence->setAction(nullptr);
+    if (const std::optional<std::size_t> index = findKeySequenceWithPressKey(key)) {
+        unbindAssignmentKey(*index);
     }
     devicesToRemove.append(eventDevice->getDeviceFileName());
     Q_EMIT updateWanted();
@@ -323,9 +361,24 @@ void AssignmentHandler::keyboardAssigned(DisplayConfiguration* display,
 
 void AssignmentHandler::mouseAssigned(DisplayConfiguration*, const EventDevice* eventDevice)
 {
+    handOnMouseStep();
+    if (eventDevice) {
+        devicesToRemove.append(eventDevice->getDeviceFileName());
+        Q_EMIT updateWanted();
+    }
+}
+
+void AssignmentHandler::mouseStepAbandoned()
+{
+    handOnMouseStep();
+}
+
+// The click is free again: the first display that waits for it gets it.
+void AssignmentHandler::handOnMouseStep()
+{
     mouseBusy = false;
-    if (KeySequence* sequence = findKeySequenceWithPressKey(mouseButtonName)) {
-        sequence->setAction(nullptr);
+    if (const std::optional<std::size_t> index = findKeySequenceWithPressKey(mouseButtonName)) {
+        unbindAssignmentKey(*index);
     }
     for (DisplayConfiguration* waiting : qAsConst(displayConfigurations)) {
         if (waiting->getState() != DisplayConfiguration::STATE_MOUSE_BUSY) {
@@ -337,16 +390,15 @@ void AssignmentHandler::mouseAssigned(DisplayConfiguration*, const EventDevice* 
         }
         mouseBusy = true;
         if (waiting->getAssignmentKey().isEmpty()) {
-            SELVANE_LOG(
-                LEVEL_BUG,
-                "Display should be configuring the mouse, but it's assignment key is empty");
+            // Reported as the hand-on after an assignment, where this has always been told.
+            Orvanta::Logger::write(
+                Orvanta::Logger::LEVEL_BUG, QString::fromLatin1(logSource),
+                QStringLiteral("mouseAssigned"), __LINE__,
+                QStringLiteral(
+                    "Display should be configuring the mouse, but it's assignment key is empty"));
         } else {
             bindAssignmentKey(waiting);
         }
         break;
-    }
-    if (eventDevice) {
-        devicesToRemove.append(eventDevice->getDeviceFileName());
-        Q_EMIT updateWanted();
     }
 }

@@ -1,29 +1,31 @@
 #pragma once
 
 #include "assignment/DisplayConfiguration.h"
+#include "keys/KeyEngine.h"
 
 #include <QList>
 #include <QObject>
 #include <QString>
 #include <QVector>
 
+#include <optional>
+
 class DBusInterface;
 class EventDevice;
-class KeySequence;
 class LedBlinker;
 class Selvane;
 
 // Everything about input devices that belong to no station yet: the opened
 // unassigned keyboards and mice, each with its LEDs blinking, one overlay
 // (display configuration) per X display that waits for an assignment key, and
-// the 39 assignment key sequences (F1-F12, A-Z, the left mouse button). A key
-// sequence carries an AssignmentAction while a display waits for its key;
-// pressing that key on an unassigned device assigns the device to that
-// display's station.
+// the 39 assignment keys (F1-F12, A-Z, the left mouse button), which the key
+// engine watches as its claim keys. A key is armed while a display waits for
+// it; pressing it on an unassigned device assigns the device to that display's
+// station. A device claims one station at most.
 //
-// Assignments are reported from inside the read of the devices, so an
-// assigned device is only queued there and dropped at the next update() or
-// updateDevices(); updateWanted() asks for that update.
+// A claim is acted on once the read of that device is done; the assigned
+// device is then only queued and dropped at the next update() or
+// updateDevices(), which updateWanted() asks for.
 //
 // Owned by the central object; every method runs on the main thread.
 class AssignmentHandler : public QObject
@@ -60,8 +62,8 @@ public:
     DisplayConfiguration* getDisplayConfiguration(DBusInterface& dbus, int displayId,
                                                   int stationId);
     bool deleteLedBlinker(const EventDevice* eventDevice);
-    // The first assignment key sequence that presses the named key, or null.
-    KeySequence* findKeySequenceWithPressKey(QString keyName) const;
+    // The display that waits for the named assignment key, or null.
+    DisplayConfiguration* displayWaitingFor(QString keyName) const;
 
     DisplayConfiguration::OverlayImage getOverlayImage() const { return overlayImage; }
     bool isMouseBusy() const { return mouseBusy; }
@@ -70,17 +72,18 @@ public:
         return displayConfigurations;
     }
     const QVector<EventDevice*>& getUnassignedDevices() const { return unassignedDevices; }
-    const QVector<KeySequence*>& getAssignmentKeySequences() const
-    {
-        return assignmentKeySequences;
-    }
+    // Whether any display waits for a key.
+    bool isAnyKeyArmed() const;
+    // The keys that can claim a device, in the order they are tried.
+    static QStringList getAssignmentKeyNames();
     int getNumLedBlinkers() const { return static_cast<int>(ledBlinkers.size()); }
 
 public Q_SLOTS:
     void assignedDevicesChanged();
-    void keymapChanged(const EventDevice* eventDevice);
     void keyboardAssigned(DisplayConfiguration* display, const EventDevice* eventDevice);
     void mouseAssigned(DisplayConfiguration* display, const EventDevice* eventDevice);
+    // The display that waited for a click went back to the keyboard step.
+    void mouseStepAbandoned();
 
 Q_SIGNALS:
     // updateDevices() has work: a device took new records or waits to be dropped.
@@ -88,9 +91,15 @@ Q_SIGNALS:
 
 private:
     void readVersionFile();
-    // Gives the sequence of the display's key an action bound to the display;
-    // false when the display has no key or the key has no sequence.
+    // The index of the named assignment key among the claim keys, if it is one.
+    std::optional<std::size_t> findKeySequenceWithPressKey(QString keyName) const;
+    // Arms the display's key for it, taking it from a display that waited for the same key
+    // before; false when the display has no key or the key is no assignment key.
     bool bindAssignmentKey(DisplayConfiguration* display);
+    void unbindAssignmentKey(std::size_t index);
+    // Hands the device to the display that waited for the key it pressed.
+    void claim(const EventDevice* device, std::size_t keyIndex);
+    void handOnMouseStep();
     void recreateImages();
 
     DBusInterface& dbusInterface;
@@ -98,7 +107,9 @@ private:
     DisplayConfiguration::OverlayImage overlayImage = DisplayConfiguration::OVERLAY_IMAGE_NONE;
     QVector<DisplayConfiguration*> displayConfigurations;
     QVector<EventDevice*> unassignedDevices;
-    QVector<KeySequence*> assignmentKeySequences;
+    KeyEngine engine;
+    // Per claim key, the display that waits for it, or null.
+    QVector<DisplayConfiguration*> waitingDisplays;
     bool mouseBusy = false;
     QVector<LedBlinker*> ledBlinkers;
     QList<QString> devicesToRemove;

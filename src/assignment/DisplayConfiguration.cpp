@@ -146,16 +146,16 @@ QString DisplayConfiguration::stateToString(State state)
     return QStringLiteral("start");
 }
 
-void DisplayConfiguration::assignmentKeyPressed(const EventDevice* device)
+bool DisplayConfiguration::assignmentKeyPressed(const EventDevice* device)
 {
     if (!device) {
         SELVANE_LOG(LEVEL_BUG, "eventDevice is NULL");
-        return;
+        return false;
     }
     if (state != STATE_CONFIGURING_KEYBOARD && state != STATE_CONFIGURING_MOUSE) {
         SELVANE_LOG(LEVEL_BUG, "State is invalid for handling assignment key.  State: " +
                                    stateToString(state));
-        return;
+        return false;
     }
     const bool keyboard = state == STATE_CONFIGURING_KEYBOARD;
     // The platform's answer is never needed: the state moves on regardless.
@@ -169,13 +169,13 @@ void DisplayConfiguration::assignmentKeyPressed(const EventDevice* device)
     } else {
         Q_EMIT mouseAssigned(this, device);
     }
+    return true;
 }
 
 void DisplayConfiguration::configureKeyboard()
 {
     if (state == STATE_CONFIGURING_MOUSE) {
-        // Not an assignment: tells the handler that the mouse step was abandoned.
-        Q_EMIT mouseAssigned(nullptr, nullptr);
+        Q_EMIT mouseStepAbandoned();
     }
     if (stationId < 0) {
         SELVANE_LOG(LEVEL_BUG, "stationId is invalid: %d", stationId);

@@ -21,7 +21,7 @@ class PendingCallGroup;
 // The assignment of one station's keyboard and mouse on its X display
 // (:displayId): the state machine, the station's assignment key, the language
 // of the station's user and the platform's values for the overlay. When the
-// assignment action reports that key on some unassigned device, it tells the
+// assignment handler reports that key on some unassigned device, it tells the
 // platform's assignment service, moves on to its next state and emits
 // keyboardAssigned or mouseAssigned.
 //
@@ -86,8 +86,9 @@ public:
     // True while the station's X server holds the overlay's connection.
     bool isDisplayConnected() const { return displayConnected; }
 
-    // The assignment key was pressed on `device`.
-    void assignmentKeyPressed(const EventDevice* device);
+    // The assignment key was pressed on `device`. False when the display does not take it
+    // (it waits for no key now).
+    bool assignmentKeyPressed(const EventDevice* device);
     void configureKeyboard();
     // busy: show the please-wait picture, which accepts no click.
     void configureMouse(bool busy);
@@ -110,6 +111,8 @@ public:
 Q_SIGNALS:
     void keyboardAssigned(DisplayConfiguration* displayConfiguration, const EventDevice* device);
     void mouseAssigned(DisplayConfiguration* displayConfiguration, const EventDevice* device);
+    // Asked for the keyboard step while it waited for a click: the click is free again.
+    void mouseStepAbandoned();
 
 private:
     void localeAnswered(const QString& locale);

@@ -41,6 +41,8 @@ Selvane::Selvane(QString configFile) : configFileName(configFile), dbusInterface
 
 Selvane::~Selvane()
 {
+    // The daemon ends without waiting for commands: those not started yet never run.
+    assignedDeviceHandler->dropWaitingCommandsAtExit();
     // The overlays use the languages, so they go first.
     delete assignmentHandler;
     delete assignedDeviceHandler;

@@ -4,50 +4,31 @@
 #include "common/Util.h"
 
 #include <QFile>
-#include <QSocketNotifier>
 
 #include <linux/input.h>
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace {
 constexpr char logSource[] = "EventDevice";
 
-// Records taken per read. The kernel keeps 64 to 128 records per reader, so one read empties its
-// buffer; more waits for the next wakeup.
-constexpr std::size_t recordsPerRead = 128;
-using ReadBuffer = std::array<input_event, recordsPerRead>;
-
-constexpr int keyPress = 1;
-constexpr int keyRelease = 0;
-// A SYN_REPORT with this value ends a frame the kernel made up itself.
-constexpr int kernelFrameMark = 1;
 // Major number of the kernel's input device nodes (/dev/input/*).
 constexpr unsigned inputMajor = 13;
-// A short read has no errno; this stands for it among the pending read errors.
-constexpr int shortRead = -1;
-
-// The open devices, for waits that keep taking their records. One thread uses them all.
-QVector<EventDevice*> openDeviceList;
+// The last number given to a device.
+std::uint64_t lastDeviceId = 0;
 
 template <std::size_t N> bool testBit(const std::array<unsigned char, N>& bits, int index)
 {
     return (bits[index / 8] >> (index % 8)) & 1;
-}
-
-template <std::size_t N> void setBit(std::array<unsigned char, N>& bits, int index, bool value)
-{
-    const auto mask = static_cast<unsigned char>(1u << (index % 8));
-    bits[index / 8] = value ? (bits[index / 8] | mask) : (bits[index / 8] & ~mask);
 }
 
 QString errorText(int error)
@@ -117,16 +98,24 @@ EventDevice::EventDevice(QString path)
     deviceFileName = path;
     node = DeviceNode::ofDescriptor(fd);
     nameNode = DeviceNode::ofPath(path);
-    // Keys already held now count as down, in both states, so none of them looks freshly
-    // pressed.
-    ioctl(fd, EVIOCGKEY(keyState.size()), keyState.data());
-    previousKeyState = keyState;
-    queuedKeyState = keyState;
+    // Keys already held now count as down, so none of them looks freshly pressed.
+    std::array<unsigned char, KEY_MAX / 8 + 1> keys{};
+    ioctl(fd, EVIOCGKEY(keys.size()), keys.data());
+    keysAtOpen = KeyState::fromKernelBits(keys.data(), keys.size());
+    id = ++lastDeviceId;
     storeLedState();
 
-    openDeviceList.append(this);
-    notifier = new QSocketNotifier(fd, QSocketNotifier::Read, this);
-    connect(notifier, &QSocketNotifier::activated, this, &EventDevice::takePendingRecords);
+    // The reader reads a descriptor of its own; this one stays for the LEDs and the device's
+    // checks. Both are the same open file, so neither reads records the other misses.
+    Orvanta::OwnedFd forReader(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+    if (!forReader.isValid()) {
+        SELVANE_LOG(LEVEL_WARNING, "Could not open " + shownPath + " for reading.");
+        closeDescriptor();
+        return;
+    }
+    InputReader& reader = InputReader::shared();
+    connect(&reader, &InputReader::recordsWaiting, this, &EventDevice::readerHasRecords);
+    readerId = reader.add(std::move(forReader), keys.data(), keys.size());
 }
 
 EventDevice::~EventDevice()
@@ -137,94 +126,49 @@ EventDevice::~EventDevice()
     }
 }
 
-void EventDevice::readDevice()
+EventDevice::Records EventDevice::takeRecords()
 {
-    if (fd == -1) {
-        return;
+    Records taken;
+    if (readerId == 0) {
+        return taken;
     }
-    // A zero timeout: one thread polls every device in turn and must never block. Errors and
-    // hang-ups count as readable so that read() reports them.
-    pollfd pending{fd, POLLIN, 0};
-    const int ready = poll(&pending, 1, 0);
-    if (ready == -1) {
-        SELVANE_LOG(LEVEL_WARNING, "Error in select: " + errorText(errno));
-    } else if (ready > 0) {
-        takePendingRecords();
-    }
-    // A bounded share of the queue per call, so that a flooding device cannot hold an update.
-    for (std::size_t processed = 0; processed < maxRecordsPerUpdate && !queue.empty();
-         ++processed) {
-        if (!frameMarkKnown) {
-            frameFromKernel = frameEndsWithKernelMark();
-            frameMarkKnown = true;
-        }
-        const QueuedRecord record = queue.front();
-        queue.pop_front();
-        if (record.type == EV_SYN) {
-            frameMarkKnown = false;
-            continue;
-        }
-        if (record.code > lastKeyCode) {
-            SELVANE_LOG(LEVEL_BUG, "key is invalid: %d", int(record.code));
-            continue;
-        }
-        setBit(keyState, record.code, record.value == keyPress);
-        emit keymapChanged(this);
-        updateKeymaps();
-    }
-    frameFromKernel = false;
-    if (!queue.empty()) {
+    InputReader::Taken read = InputReader::shared().take(readerId, maxRecordsPerUpdate);
+    taken.records = std::move(read.records);
+    taken.readError = read.error;
+    if (read.more) {
         Q_EMIT recordsWaiting();
     }
-    // A read error comes after every record taken before it.
-    const int error = queue.empty() ? std::exchange(pendingReadError, 0) : 0;
-    if (error == shortRead) {
-        SELVANE_LOG(LEVEL_ERROR, "Could not read a full event");
+    return taken;
+}
+
+std::uint64_t EventDevice::getBytesRead() const
+{
+    return readerId == 0 ? 0 : InputReader::shared().bytesRead(readerId);
+}
+
+void EventDevice::readerHasRecords(InputReader::DeviceId readerDevice)
+{
+    if (readerDevice == readerId && readerId != 0) {
+        Q_EMIT recordsWaiting();
+    }
+}
+
+void EventDevice::reportReadError(int error)
+{
+    // Written as the read's own lines: they tell what reading the device met.
+    const auto write = [](Orvanta::Logger::Level level, const QString& text) {
+        Orvanta::Logger::write(level, QString::fromLatin1(logSource), QStringLiteral("readDevice"),
+                               __LINE__, text);
+    };
+    if (error == InputReader::shortRead) {
+        write(Orvanta::Logger::LEVEL_ERROR, QStringLiteral("Could not read a full event"));
     } else if (error == ENODEV) {
-        SELVANE_LOG(LEVEL_INFO, "Device " + Orvanta::escapeForLog(deviceFileName) +
-                                    " has been removed.  Closing device.");
+        write(Orvanta::Logger::LEVEL_INFO, "Device " + Orvanta::escapeForLog(deviceFileName) +
+                                               " has been removed.  Closing device.");
         closeDescriptor();
     } else if (error != 0) {
-        SELVANE_LOG(LEVEL_ERROR, "read error: " + errorText(error));
+        write(Orvanta::Logger::LEVEL_ERROR, "read error: " + errorText(error));
     }
-    updateNotifier();
-}
-
-void EventDevice::takePendingRecords()
-{
-    if (!isTakingRecords()) {
-        updateNotifier();
-        return;
-    }
-    const std::size_t queuedBefore = queue.size();
-    ReadBuffer events;
-    const ssize_t bytes = read(fd, events.data(), sizeof events);
-    if (bytes == -1) {
-        if (errno != EAGAIN && errno != EINTR) {
-            pendingReadError = errno;
-        }
-    } else if (static_cast<std::size_t>(bytes) < sizeof(input_event)) {
-        pendingReadError = shortRead;
-    } else {
-        const std::size_t count = static_cast<std::size_t>(bytes) / sizeof(input_event);
-        for (std::size_t i = 0; i < count; ++i) {
-            queueRecord({events[i].type, events[i].code, events[i].value});
-        }
-    }
-    updateNotifier();
-    if (queue.size() > queuedBefore || pendingReadError != 0) {
-        Q_EMIT recordsWaiting();
-    }
-}
-
-bool EventDevice::isTakingRecords() const
-{
-    return fd != -1 && pendingReadError == 0 && queue.size() < maxQueuedRecords;
-}
-
-QVector<EventDevice*> EventDevice::openDevices()
-{
-    return openDeviceList;
 }
 
 const EventDevice* EventDevice::findOtherName(const QVector<EventDevice*>& devices,
@@ -246,126 +190,12 @@ const EventDevice* EventDevice::findOtherName(const QVector<EventDevice*>& devic
     return nullptr;
 }
 
-void EventDevice::queueRecord(const QueuedRecord& record)
-{
-    // After SYN_DROPPED the kernel's records up to the next SYN_REPORT belong to a frame that
-    // lost part of itself; the key state is read afresh instead.
-    if (discardingUntilReport) {
-        if (record.type == EV_SYN && record.code == SYN_REPORT) {
-            discardingUntilReport = false;
-            resynchroniseKeys();
-        }
-        return;
-    }
-    if (record.type == EV_SYN) {
-        if (record.code == SYN_DROPPED) {
-            discardingUntilReport = true;
-        } else if (record.code == SYN_REPORT && !lastQueuedEndsFrame) {
-            // Frames without key records (a mouse moving) leave nothing to process.
-            queue.push_back(record);
-            lastQueuedEndsFrame = true;
-        }
-        return;
-    }
-    // Auto-repeat (value 2) and every other event type leave the key state alone.
-    if (record.type != EV_KEY || (record.value != keyPress && record.value != keyRelease)) {
-        return;
-    }
-    if (record.code <= lastKeyCode) {
-        setBit(queuedKeyState, record.code, record.value == keyPress);
-    }
-    queue.push_back(record);
-    lastQueuedEndsFrame = false;
-}
-
-// Queues a frame that turns the queued key state into the kernel's: a press for every key that
-// went down meanwhile, a release for every key that came up.
-void EventDevice::resynchroniseKeys()
-{
-    KeyBits kernelKeys{};
-    if (ioctl(fd, EVIOCGKEY(kernelKeys.size()), kernelKeys.data()) == -1) {
-        // The queued state stays; the device's next key records correct it key by key.
-        return;
-    }
-    for (int key = 0; key <= lastKeyCode; ++key) {
-        const bool down = testBit(kernelKeys, key);
-        if (down == testBit(queuedKeyState, key)) {
-            continue;
-        }
-        setBit(queuedKeyState, key, down);
-        queue.push_back({EV_KEY, static_cast<std::uint16_t>(key), down ? keyPress : keyRelease});
-        lastQueuedEndsFrame = false;
-    }
-    if (!lastQueuedEndsFrame) {
-        queue.push_back({EV_SYN, SYN_REPORT, 0});
-        lastQueuedEndsFrame = true;
-    }
-}
-
-// Whether the frame that starts at the queue's head ends with the kernel's mark. Only frame ends
-// are queued of the EV_SYN records.
-bool EventDevice::frameEndsWithKernelMark() const
-{
-    for (const QueuedRecord& record : queue) {
-        if (record.type == EV_SYN) {
-            return record.value == kernelFrameMark;
-        }
-    }
-    return false;
-}
-
-void EventDevice::updateNotifier()
-{
-    if (notifier) {
-        notifier->setEnabled(isTakingRecords());
-    }
-}
-
-bool EventDevice::isKeyPressed(int key) const
-{
-    if (key < 0 || key > lastKeyCode) {
-        SELVANE_LOG(LEVEL_BUG, "key is invalid: %d", key);
-        return false;
-    }
-    return testBit(keyState, key);
-}
-
-bool EventDevice::isKeyPressed() const
-{
-    // Code 767 is left out of the scan: holding only that key counts as no key held.
-    for (int key = 0; key < lastKeyCode; ++key) {
-        if (testBit(keyState, key)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool EventDevice::isKeyPressedOnce(int key) const
-{
-    if (key < 0 || key > lastKeyCode) {
-        SELVANE_LOG(LEVEL_BUG, "key is invalid: %d", key);
-        return false;
-    }
-    return testBit(keyState, key) && !testBit(previousKeyState, key);
-}
-
-void EventDevice::updateKeymaps()
-{
-    previousKeyState = keyState;
-}
-
-void EventDevice::setDeviceVariable(QString name, QString value)
-{
-    deviceVariables.insert(name, value);
-}
-
 void EventDevice::storeLedState()
 {
     if (fd == -1) {
         return;
     }
-    LedBits bits{};
+    decltype(ledState) bits{};
     if (ioctl(fd, EVIOCGLED(bits.size()), bits.data()) == -1) {
         SELVANE_LOG(LEVEL_WARNING, "ioctl() error on device " +
                                        Orvanta::escapeForLog(deviceFileName) + " : " +
@@ -413,17 +243,6 @@ void EventDevice::setLedOn(int ledCode, bool on)
     }
 }
 
-void EventDevice::readEvents(QVector<EventDevice*>& devices)
-{
-    for (EventDevice* device : std::as_const(devices)) {
-        if (!device) {
-            SELVANE_LOG(LEVEL_BUG, "eventDevice is NULL");
-            continue;
-        }
-        device->readDevice();
-    }
-}
-
 void EventDevice::deleteClosedEventDevices(QVector<EventDevice*>& devices)
 {
     for (auto it = devices.begin(); it != devices.end();) {
@@ -455,10 +274,10 @@ bool EventDevice::writeLedEvent(int ledCode, bool on)
 
 void EventDevice::closeDescriptor()
 {
-    // The notifier goes before its descriptor.
-    delete notifier;
-    notifier = nullptr;
-    openDeviceList.removeOne(this);
+    // The reader lets go of its descriptor first: no record of this device comes any more.
+    if (readerId != 0) {
+        InputReader::shared().remove(std::exchange(readerId, 0));
+    }
     close(fd);
     fd = -1;
     node.reset();

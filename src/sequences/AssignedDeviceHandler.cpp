@@ -4,10 +4,9 @@
 #include "common/Util.h"
 #include "input/EventDevice.h"
 #include "sequences/KeySequence.h"
-#include "sequences/SystemCommandAction.h"
-#include "sequences/TriggeredAction.h"
 
 #include <QFile>
+#include <QSet>
 
 #include <utility>
 
@@ -55,7 +54,6 @@ AssignedDeviceHandler::~AssignedDeviceHandler()
 {
     qDeleteAll(assignedDevices);
     qDeleteAll(keySequences);
-    qDeleteAll(triggeredActions);
 }
 
 bool AssignedDeviceHandler::parseConfigFile(QString configFileName)
@@ -101,7 +99,7 @@ bool AssignedDeviceHandler::parseConfigFile(QString configFileName)
         if (line.at(0) == QLatin1Char('#') || line.at(0) == QLatin1Char('\n')) {
             continue;
         }
-        auto* sequence = new KeySequence(line, this);
+        auto* sequence = new KeySequence(line);
         if (sequence->isValid()) {
             sequences.append(sequence);
         } else {
@@ -109,58 +107,36 @@ bool AssignedDeviceHandler::parseConfigFile(QString configFileName)
         }
     }
     file.close();
-    carryOverTriggeredActions(sequences);
+    carryOverWaitingCommands(sequences);
     qDeleteAll(keySequences);
     keySequences = sequences;
     SELVANE_LOG(LEVEL_INFO, "Parsed %d key sequence(s).", static_cast<int>(keySequences.size()));
     return true;
 }
 
-namespace {
-const SystemCommandAction* commandAction(const KeySequence* sequence)
+// Nothing of the file read before runs after a new one is read: a command still waiting for
+// its keys to be released, or behind its station's running command, runs only if the new file
+// has the same line (same keys, same command), and then as that line's command.
+void AssignedDeviceHandler::carryOverWaitingCommands(const QVector<KeySequence*>& sequences)
 {
-    return dynamic_cast<const SystemCommandAction*>(sequence->getAction());
-}
-
-// The command action of the sequence of `sequences` with the same keys and
-// command as `sequence`, or null.
-const SystemCommandAction* findSameLine(const KeySequence* sequence,
-                                        const QVector<KeySequence*>& sequences)
-{
-    const SystemCommandAction* action = commandAction(sequence);
-    for (const KeySequence* candidate : sequences) {
-        const SystemCommandAction* candidateAction = commandAction(candidate);
-        if (action && candidateAction && candidate->getHoldKeys() == sequence->getHoldKeys() &&
-            candidate->getPressKeys() == sequence->getPressKeys() &&
-            candidateAction->getCommand() == action->getCommand()) {
-            return candidateAction;
+    std::vector<KeyEngine::Combination> combinations;
+    QHash<QString, std::size_t> firstOfLine;
+    QSet<QString> lines;
+    for (const KeySequence* sequence : sequences) {
+        combinations.push_back(sequence->toCombination());
+        firstOfLine.insert(sequence->identity(),
+                           firstOfLine.value(sequence->identity(), combinations.size() - 1));
+        lines.insert(sequence->identity());
+    }
+    std::map<std::size_t, std::size_t> kept;
+    for (qsizetype old = 0; old < keySequences.size(); ++old) {
+        const auto same = firstOfLine.constFind(keySequences.at(old)->identity());
+        if (same != firstOfLine.constEnd()) {
+            kept.emplace(static_cast<std::size_t>(old), same.value());
         }
     }
-    return nullptr;
-}
-} // namespace
-
-// Nothing of the file read before runs after a new one is read: a command
-// still waiting for its keys to be released runs only if the new file has
-// the same line, and then as that line's action. The others are dropped, so
-// that no trigger points at an action deleted with its sequence.
-void AssignedDeviceHandler::carryOverTriggeredActions(const QVector<KeySequence*>& sequences)
-{
-    const QVector<TriggeredAction*> waiting = std::exchange(triggeredActions, {});
-    for (TriggeredAction* triggered : waiting) {
-        const EventDevice* device = triggered->getEventDevice();
-        for (const KeySequence* old : qAsConst(keySequences)) {
-            if (old->getAction() != triggered->getAction()) {
-                continue;
-            }
-            const SystemCommandAction* same = findSameLine(old, sequences);
-            if (same && device) {
-                actionTriggered(same, device);
-            }
-            break;
-        }
-        delete triggered;
-    }
+    engine.setCommandCombinations(std::move(combinations), kept);
+    scheduler.retainWaiting(lines);
 }
 
 void AssignedDeviceHandler::reloadConfigFile(QString configFileName)
@@ -188,11 +164,11 @@ bool AssignedDeviceHandler::addAssignedDevice(QString deviceFileName, int statio
             delete device;
             return false;
         }
-        connect(device, &EventDevice::keymapChanged, this, &AssignedDeviceHandler::keymapChanged);
         connect(device, &EventDevice::recordsWaiting, this, &AssignedDeviceHandler::updateWanted);
         assignedDevices.append(device);
+        engine.addDevice(device->getId(), device->getKeysAtOpen());
     }
-    device->setDeviceVariable(QStringLiteral("station_id"), QString::number(stationId));
+    deviceVariables[device].insert(QStringLiteral("station_id"), QString::number(stationId));
     if (assignedDevices.size() != previousCount) {
         Q_EMIT assignedDevicesChanged();
     }
@@ -209,9 +185,10 @@ void AssignedDeviceHandler::removeAssignedDevice(QString deviceFileName)
     }
     SELVANE_LOG(LEVEL_INFO,
                 "Removing assigned device " + Orvanta::escapeForLog(device->getDeviceFileName()));
-    // Its pending triggers stay listed; they lose their device with it and can
-    // never fire again.
+    // Its commands still waiting for their keys go with it; those already released stay queued.
     assignedDevices.removeOne(device);
+    engine.removeDevice(device->getId());
+    deviceVariables.erase(device);
     delete device;
     Q_EMIT assignedDevicesChanged();
 }
@@ -226,37 +203,46 @@ EventDevice* AssignedDeviceHandler::getEventDevice(QString deviceFileName)
     return nullptr;
 }
 
+QHash<QString, QString> AssignedDeviceHandler::getDeviceVariables(QString deviceFileName) const
+{
+    for (const EventDevice* device : assignedDevices) {
+        if (device->getDeviceFileName() == deviceFileName) {
+            const auto found = deviceVariables.find(device);
+            return found == deviceVariables.end() ? QHash<QString, QString>() : found->second;
+        }
+    }
+    return {};
+}
+
 void AssignedDeviceHandler::update()
 {
-    EventDevice::readEvents(assignedDevices);
-    for (const EventDevice* device : qAsConst(assignedDevices)) {
+    for (EventDevice* device : qAsConst(assignedDevices)) {
+        const EventDevice::Records read = device->takeRecords();
+        for (const KeyEngine::Decision& decision : engine.feed(device->getId(), read.records)) {
+            if (decision.kind == KeyEngine::Decision::Kind::RUN_COMMAND &&
+                decision.index < static_cast<std::size_t>(keySequences.size())) {
+                runCommand(device, keySequences.at(static_cast<qsizetype>(decision.index)));
+            }
+        }
+        device->reportReadError(read.readError);
         if (device->getFd() == -1) {
-            deleteTriggeredAction(device);
+            engine.removeDevice(device->getId());
+            deviceVariables.erase(device);
         }
     }
     EventDevice::deleteClosedEventDevices(assignedDevices);
 }
 
-void AssignedDeviceHandler::actionTriggered(const SystemCommandAction* action,
-                                            const EventDevice* device)
+void AssignedDeviceHandler::runCommand(const EventDevice* device, const KeySequence* sequence)
 {
-    for (const TriggeredAction* triggered : qAsConst(triggeredActions)) {
-        if (triggered->getAction() == action && triggered->getEventDevice() == device) {
-            return;
-        }
-    }
-    triggeredActions.append(new TriggeredAction(action, device));
+    const QHash<QString, QString> variables = deviceVariables[device];
+    scheduler.submit({variables.value(QStringLiteral("station_id")), sequence->getCommand(),
+                      variables, sequence->identity()});
 }
 
-void AssignedDeviceHandler::deleteTriggeredAction(const EventDevice* device)
+void AssignedDeviceHandler::dropWaitingCommandsAtExit()
 {
-    // The index advances after a removal too, so of two adjacent entries of
-    // the device the second one is passed over and stays.
-    for (int i = 0; i < triggeredActions.size(); ++i) {
-        if (triggeredActions.at(i)->getEventDevice() == device) {
-            delete triggeredActions.takeAt(i);
-        }
-    }
+    scheduler.dropWaitingAtExit();
 }
 
 void AssignedDeviceHandler::logStatus()
@@ -266,38 +252,5 @@ void AssignedDeviceHandler::logStatus()
     for (const EventDevice* device : qAsConst(assignedDevices)) {
         SELVANE_LOG(LEVEL_INFO,
                     "Assigned device: " + Orvanta::escapeForLog(device->getDeviceFileName()));
-    }
-}
-
-void AssignedDeviceHandler::keymapChanged(const EventDevice* device)
-{
-    if (!device) {
-        SELVANE_LOG(LEVEL_BUG, "eventDevice is NULL");
-        return;
-    }
-    for (const KeySequence* sequence : qAsConst(keySequences)) {
-        sequence->checkForValidSequence(device);
-    }
-    // The press that completes a match leaves keys down, so a command recorded
-    // just now never runs in the same call.
-    if (device->isKeyPressed()) {
-        return;
-    }
-    // When a device goes away the kernel first releases every key still held, and only a moment
-    // later do reads fail. Such a release completes nothing: the device's pending commands are
-    // dropped, as its removal would drop them.
-    const bool releasedByPerson = !device->isReleasedByKernel();
-    for (int i = 0; i < triggeredActions.size();) {
-        TriggeredAction* triggered = triggeredActions.at(i);
-        if (triggered->getEventDevice() != device) {
-            ++i;
-            continue;
-        }
-        const SystemCommandAction* action = triggered->getAction();
-        if (action && releasedByPerson) {
-            action->executeCommand(device);
-        }
-        triggeredActions.removeAt(i);
-        delete triggered;
     }
 }

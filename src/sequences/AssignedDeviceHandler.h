@@ -1,17 +1,22 @@
 #pragma once
 
+#include "keys/KeyEngine.h"
+#include "sequences/CommandScheduler.h"
+
+#include <QHash>
 #include <QObject>
 #include <QString>
 #include <QVector>
 
+#include <map>
+
 class EventDevice;
 class KeySequence;
-class SystemCommandAction;
-class TriggeredAction;
 
-// Owns the devices assigned to stations and the key sequences of the key
-// configuration file. After each key event of a device it tests every
-// sequence; a matched command runs once every key of that device is up again.
+// Owns the devices assigned to stations, the variables each device gives its commands
+// ("station_id") and the key sequences of the key configuration file. The key engine matches
+// the sequences on every device's records; a command whose keys have all been released again
+// goes to the command scheduler, which runs it without holding the daemon.
 //
 // Owned by the central object; every method runs on the main thread.
 class AssignedDeviceHandler : public QObject
@@ -22,10 +27,10 @@ public:
     explicit AssignedDeviceHandler(QString configFileName);
     ~AssignedDeviceHandler() override;
 
-    // Reads the key sequences of the file in place of the current ones; of the
-    // commands still waiting for their keys to be released, only those whose
-    // line the file still has stay. False, with everything kept, when the
-    // file cannot be opened.
+    // Reads the key sequences of the file in place of the current ones; of the commands still
+    // waiting for their keys to be released, or waiting behind their station's running
+    // command, only those whose line the file still has stay. False, with everything kept,
+    // when the file cannot be opened.
     bool parseConfigFile(QString configFileName);
     // parseConfigFile(), and a warning when the running configuration is kept.
     void reloadConfigFile(QString configFileName);
@@ -36,16 +41,17 @@ public:
     bool addAssignedDevice(QString deviceFileName, int stationId);
     void removeAssignedDevice(QString deviceFileName);
     EventDevice* getEventDevice(QString deviceFileName);
+    // The variables of the assigned device, as its commands get them; empty for a device that
+    // is not assigned.
+    QHash<QString, QString> getDeviceVariables(QString deviceFileName) const;
 
-    // One pass: read every device, drop the unplugged ones.
+    // One pass: read every device, act on what its keys did, drop the unplugged ones.
     void update();
+    // The daemon is ending: the commands not started yet are dropped.
+    void dropWaitingCommandsAtExit();
 
-    void actionTriggered(const SystemCommandAction* action, const EventDevice* device);
-    void deleteTriggeredAction(const EventDevice* device);
+    CommandScheduler& getCommandScheduler() { return scheduler; }
     void logStatus();
-
-public Q_SLOTS:
-    void keymapChanged(const EventDevice* device);
 
 Q_SIGNALS:
     void assignedDevicesChanged();
@@ -53,9 +59,12 @@ Q_SIGNALS:
     void updateWanted();
 
 private:
-    void carryOverTriggeredActions(const QVector<KeySequence*>& sequences);
+    void carryOverWaitingCommands(const QVector<KeySequence*>& sequences);
+    void runCommand(const EventDevice* device, const KeySequence* sequence);
 
     QVector<EventDevice*> assignedDevices;
+    std::map<const EventDevice*, QHash<QString, QString>> deviceVariables;
     QVector<KeySequence*> keySequences;
-    QVector<TriggeredAction*> triggeredActions;
+    KeyEngine engine;
+    CommandScheduler scheduler;
 };

@@ -1,9 +1,8 @@
 #include "sequences/KeySequence.h"
 
 #include "common/Logger.h"
-#include "input/EventDevice.h"
 #include "input/InputKeyCode.h"
-#include "sequences/SystemCommandAction.h"
+#include "keys/KeyState.h"
 
 #include <QStringList>
 
@@ -13,12 +12,12 @@ constexpr char logSource[] = "KeySequence";
 
 KeySequence::KeySequence() = default;
 
-KeySequence::KeySequence(QString line, AssignedDeviceHandler* handler)
+KeySequence::KeySequence(QString line)
 {
     const int firstColon = line.indexOf(QLatin1Char(':'));
     const int secondColon = firstColon < 0 ? -1 : line.indexOf(QLatin1Char(':'), firstColon + 1);
-    const QString command = secondColon < 0 ? QString() : line.mid(secondColon + 1);
-    if (command.isEmpty()) {
+    const QString text = secondColon < 0 ? QString() : line.mid(secondColon + 1);
+    if (text.isEmpty()) {
         SELVANE_LOG(LEVEL_WARNING, "Could not parse line from configuration file: " + line);
         return;
     }
@@ -35,26 +34,12 @@ KeySequence::KeySequence(QString line, AssignedDeviceHandler* handler)
         holdKeys.clear();
         return;
     }
-    setAction(new SystemCommandAction(command, handler));
-}
-
-KeySequence::~KeySequence()
-{
-    delete action;
+    command = text;
 }
 
 bool KeySequence::isValid() const
 {
-    return !holdKeys.isEmpty() && !pressKeys.isEmpty() && action;
-}
-
-void KeySequence::setAction(KeySequenceAction* newAction)
-{
-    if (newAction == action) {
-        return;
-    }
-    delete action;
-    action = newAction;
+    return !holdKeys.isEmpty() && !pressKeys.isEmpty() && !command.isEmpty();
 }
 
 void KeySequence::addHoldKey(const InputKeyCode* key)
@@ -79,29 +64,40 @@ void KeySequence::addPressKey(const InputKeyCode* key)
     }
 }
 
-bool KeySequence::checkForValidSequence(const EventDevice* device) const
+bool KeySequence::checkForValidSequence(const KeyState& keys) const
 {
-    if (!device) {
-        SELVANE_LOG(LEVEL_BUG, "eventDevice is NULL");
-        return false;
+    return toCombination().matches(keys);
+}
+
+namespace {
+std::vector<int> codesOf(const QVector<const InputKeyCode*>& keys)
+{
+    std::vector<int> codes;
+    codes.reserve(static_cast<std::size_t>(keys.size()));
+    for (const InputKeyCode* key : keys) {
+        codes.push_back(key->getCode());
     }
-    if (!action) {
-        return false;
+    return codes;
+}
+
+QString codeList(const QVector<const InputKeyCode*>& keys)
+{
+    QStringList codes;
+    for (const InputKeyCode* key : keys) {
+        codes.append(QString::number(key->getCode()));
     }
-    for (const InputKeyCode* key : holdKeys) {
-        if (!device->isKeyPressed(key->getCode())) {
-            return false;
-        }
-    }
-    // Only the key whose press is being reported counts as just pressed, so a
-    // match happens on the press that completes the combination.
-    for (const InputKeyCode* key : pressKeys) {
-        if (!device->isKeyPressedOnce(key->getCode())) {
-            return false;
-        }
-    }
-    action->performAction(device);
-    return true;
+    return codes.join(QLatin1Char(','));
+}
+} // namespace
+
+KeyEngine::Combination KeySequence::toCombination() const
+{
+    return {codesOf(holdKeys), codesOf(pressKeys)};
+}
+
+QString KeySequence::identity() const
+{
+    return codeList(holdKeys) + QLatin1Char(':') + codeList(pressKeys) + QLatin1Char(':') + command;
 }
 
 QVector<const InputKeyCode*> KeySequence::parseKeys(QString text, bool* ok)

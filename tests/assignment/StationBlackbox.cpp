@@ -165,6 +165,12 @@ int StationBlackbox::terminateDaemon(int timeoutMs)
     return status;
 }
 
+pid_t StationBlackbox::getLauncher() const
+{
+    const QList<pid_t> children = daemon > 0 ? childrenOf(daemon) : QList<pid_t>();
+    return children.size() == 1 ? children.first() : 0;
+}
+
 QString StationBlackbox::stationThreadState(int display) const
 {
     const QString tasks = QStringLiteral("/proc/%1/task").arg(daemon);
@@ -215,19 +221,19 @@ qint64 StationBlackbox::combinationLatencyMs(const QString& keyboard, int timeou
     if (!DaemonRunner::waitUntil([&] { return combinationsRun() > before; }, timeoutMs)) {
         return -1;
     }
+    const qint64 stamp = stampMicroseconds(DaemonRunner::readLines(stampsFile).value(before));
+    return stamp < 0 ? -1 : (stamp - lastReleaseNs / 1000) / 1000;
+}
+
+qint64 StationBlackbox::stampMicroseconds(const QString& stamp)
+{
     // "seconds.microseconds", with the locale's decimal point.
-    const QStringList stamp = DaemonRunner::readLines(stampsFile)
-                                  .value(before)
-                                  .trimmed()
-                                  .split(QRegularExpression("[.,]"));
+    const QStringList parts = stamp.trimmed().split(QRegularExpression("[.,]"));
     bool secondsOk = false;
     bool microsecondsOk = false;
-    const qint64 seconds = stamp.value(0).toLongLong(&secondsOk);
-    const qint64 microseconds = stamp.value(1).toLongLong(&microsecondsOk);
-    if (!secondsOk || !microsecondsOk) {
-        return -1;
-    }
-    return (seconds * 1000000 + microseconds - lastReleaseNs / 1000) / 1000;
+    const qint64 seconds = parts.value(0).toLongLong(&secondsOk);
+    const qint64 microseconds = parts.value(1).toLongLong(&microsecondsOk);
+    return parts.size() == 2 && secondsOk && microsecondsOk ? seconds * 1000000 + microseconds : -1;
 }
 
 qint64 StationBlackbox::commandStartedMs() const

@@ -70,6 +70,8 @@ public:
     // its data directory; waits until it is on the bus.
     bool startDaemon(const QString& shareDir);
     pid_t getDaemon() const { return daemon; }
+    // The daemon's command launcher, its only child process; 0 when there is none.
+    pid_t getLauncher() const;
     DaemonRunner& getRunner() { return runner; }
     // Sends SIGTERM and waits up to timeoutMs for the daemon to end: its exit
     // status, or -1 when it did not end in time.
@@ -90,6 +92,9 @@ public:
     // release to the command's stamp in milliseconds; -1 when the command did
     // not run within timeoutMs.
     qint64 combinationLatencyMs(const QString& keyboard, int timeoutMs = 5000);
+    // A stamp of bash's $EPOCHREALTIME in microseconds since the epoch; -1
+    // when the text is not one.
+    static qint64 stampMicroseconds(const QString& stamp);
     // For the last combination: from its last key release until the daemon
     // logged that it starts the command, in milliseconds; the rest of the
     // combination's time is the command's start. -1 when unknown.

@@ -385,8 +385,8 @@ private Q_SLOTS:
                 readFile(QStringLiteral("/proc/%1/task/%1/children").arg(daemon)).trimmed().toInt();
             return launcher > 0;
         }));
-        // Once it has settled: its own name; standard input, output and error and its socket
-        // to the daemon, nothing else.
+        // Once it has settled: its own name; standard input, output and error, its socket to
+        // the daemon and the signalfd that tells it of ended commands, nothing else.
         QStringList descriptors;
         QVERIFY2(DaemonRunner::waitUntil([&] {
                      descriptors =
@@ -395,11 +395,13 @@ private Q_SLOTS:
                      descriptors.sort();
                      return readFile(QStringLiteral("/proc/%1/comm").arg(launcher)) ==
                                 "selvane-launch\n" &&
-                            descriptors.join(' ') == QStringLiteral("0 1 2 3");
+                            descriptors.join(' ') == QStringLiteral("0 1 2 3 4");
                  }),
                  qPrintable(descriptors.join(' ')));
         QVERIFY(QFile::symLinkTarget(QStringLiteral("/proc/%1/fd/3").arg(launcher))
                     .contains("socket:"));
+        QVERIFY(QFile::symLinkTarget(QStringLiteral("/proc/%1/fd/4").arg(launcher))
+                    .contains("signalfd"));
 
         const QRegularExpression asRoot =
             DaemonRunner::logLine("Info", "CommandLauncher:start", "Commands run as root");

@@ -1,58 +1,33 @@
+#include "KeyRecordText.h"
 #include "LogCapture.h"
 #include "UmockdevTestbed.h"
 #include "input/EventDevice.h"
+#include "keys/KeyEngine.h"
 
 #include <QPointer>
-#include <QSet>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
-
-#include <poll.h>
 
 using Orvanta::Logger;
 
 namespace {
 
-// What a listener sees of the watched keys while keymapChanged() is being emitted.
-struct Emission
+// One key going down or up in a frame of its own, as UmockdevTestbed::pressKey() writes it.
+std::vector<KeyRecord> pressed(std::uint16_t key)
 {
-    const EventDevice* device;
-    QSet<int> pressedOnce;
-    QSet<int> pressed;
-};
+    return {KeyRecord::press(key), KeyRecord::frameEnd()};
+}
 
-class EmissionRecorder
+std::vector<KeyRecord> released(std::uint16_t key)
 {
-public:
-    EmissionRecorder(EventDevice& device, QVector<int> watchedKeys)
-    {
-        connection = QObject::connect(&device, &EventDevice::keymapChanged,
-                                      [this, watchedKeys](const EventDevice* sender) {
-                                          Emission emission{sender, {}, {}};
-                                          for (int key : watchedKeys) {
-                                              if (sender->isKeyPressedOnce(key)) {
-                                                  emission.pressedOnce.insert(key);
-                                              }
-                                              if (sender->isKeyPressed(key)) {
-                                                  emission.pressed.insert(key);
-                                              }
-                                          }
-                                          emissions.append(emission);
-                                      });
-    }
-    ~EmissionRecorder() { QObject::disconnect(connection); }
-    EmissionRecorder(const EmissionRecorder&) = delete;
-    EmissionRecorder& operator=(const EmissionRecorder&) = delete;
+    return {KeyRecord::release(key), KeyRecord::frameEnd()};
+}
 
-    QVector<Emission> emissions;
-
-private:
-    QMetaObject::Connection connection;
-};
-
-QSet<int> keys(std::initializer_list<int> codes)
+std::vector<KeyRecord> operator+(std::vector<KeyRecord> first, const std::vector<KeyRecord>& second)
 {
-    return QSet<int>(codes);
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
 }
 
 } // namespace
@@ -62,11 +37,16 @@ class EventDeviceTest : public QObject
     Q_OBJECT
 
 private:
-    // Lets the device read once everything written to its node has arrived.
-    static void deliver(UmockdevTestbed& testbed, const QString& node, EventDevice& device)
+    // Takes the device's records once everything written to its node has arrived; false when
+    // it did not arrive in time.
+    static bool deliver(UmockdevTestbed& testbed, const QString& node, EventDevice& device,
+                        EventDevice::Records& taken)
     {
-        QVERIFY(testbed.waitForPendingInput(node));
-        device.readDevice();
+        if (!testbed.waitUntilRead(node, device)) {
+            return false;
+        }
+        taken = device.takeRecords();
+        return true;
     }
 
     static void verifyLine(const LogCapture& capture, const QString& message, Logger::Level level,
@@ -95,8 +75,27 @@ private Q_SLOTS:
         verifyLine(capture, "Name of device at " + node + " is Desk Board.", Logger::LEVEL_INFO,
                    QStringLiteral("EventDevice"));
         QCOMPARE(capture.entries().size(), 2);
-        QVERIFY(device.getDeviceVariables().isEmpty());
-        QVERIFY(!device.isKeyPressed());
+        QVERIFY(!device.getKeysAtOpen().isPressed());
+        const EventDevice::Records taken = device.takeRecords();
+        QVERIFY(taken.records.empty());
+        QCOMPARE(taken.readError, 0);
+    }
+
+    void everyDeviceGetsANumberOfItsOwn()
+    {
+        UmockdevTestbed testbed;
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
+        auto first = std::make_unique<EventDevice>(node);
+        const EventDevice second(testbed.addDevice(DeviceDescription::mouse()));
+        QVERIFY(first->getId() != 0);
+        QVERIFY(second.getId() != 0);
+        QVERIFY(first->getId() != second.getId());
+        // A number is never given again, not even to the same node opened anew.
+        const std::uint64_t gone = first->getId();
+        first.reset();
+        const EventDevice again(node);
+        QVERIFY(again.getId() != gone);
+        QVERIFY(again.getId() != second.getId());
     }
 
     void destroyingAnOpenDeviceLogsTheClose()
@@ -116,67 +115,60 @@ private Q_SLOTS:
         UmockdevDeviceState state;
         state.keysDown = {KEY_A};
         EventDevice device(testbed.addDevice(DeviceDescription::keyboard(), state));
-        QVERIFY(device.isKeyPressed(KEY_A));
-        QVERIFY(!device.isKeyPressedOnce(KEY_A));
-        QVERIFY(device.isKeyPressed());
-        QVERIFY(!device.isKeyPressed(KEY_B));
+        const KeyState& keys = device.getKeysAtOpen();
+        QVERIFY(keys.isPressed(KEY_A));
+        QVERIFY(!keys.isPressedOnce(KEY_A));
+        QVERIFY(keys.isPressed());
+        QVERIFY(!keys.isPressed(KEY_B));
+        // The key went down before the open: no press of it is handed on.
+        QVERIFY(device.takeRecords().records.empty());
     }
 
-    void pressingAThenBEmitsTwice()
+    void pressingAThenBHandsOnBothPressesWithTheirFrameEnds()
     {
         UmockdevTestbed testbed;
         const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
-        EmissionRecorder recorder(device, {KEY_A, KEY_B});
         QVERIFY(testbed.pressKey(node, KEY_A));
         QVERIFY(testbed.pressKey(node, KEY_B));
-        deliver(testbed, node, device);
-
-        QCOMPARE(recorder.emissions.size(), 2);
-        QCOMPARE(recorder.emissions[0].device, &device);
-        QCOMPARE(recorder.emissions[0].pressedOnce, keys({KEY_A}));
-        QCOMPARE(recorder.emissions[1].device, &device);
-        QCOMPARE(recorder.emissions[1].pressedOnce, keys({KEY_B}));
-        QCOMPARE(recorder.emissions[1].pressed, keys({KEY_A, KEY_B}));
-        // After the emission both states agree again.
-        QVERIFY(!device.isKeyPressedOnce(KEY_B));
-        QVERIFY(device.isKeyPressed(KEY_B));
+        EventDevice::Records taken;
+        QVERIFY(deliver(testbed, node, device, taken));
+        QCOMPARE(describeKeyRecords(taken.records),
+                 describeKeyRecords(pressed(KEY_A) + pressed(KEY_B)));
+        QCOMPARE(taken.readError, 0);
+        // Handed on once: the queue is empty now.
+        QVERIFY(device.takeRecords().records.empty());
     }
 
-    void autoRepeatEmitsNothing()
+    void autoRepeatHandsOnNothing()
     {
         UmockdevTestbed testbed;
         const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
-        EmissionRecorder recorder(device, {KEY_A, KEY_B});
         QVERIFY(testbed.pressKey(node, KEY_A));
         for (int i = 0; i < 3; ++i) {
             QVERIFY(testbed.repeatKey(node, KEY_A));
         }
         QVERIFY(testbed.pressKey(node, KEY_B));
-        deliver(testbed, node, device);
-
-        QCOMPARE(recorder.emissions.size(), 2);
-        QCOMPARE(recorder.emissions[0].pressedOnce, keys({KEY_A}));
-        QCOMPARE(recorder.emissions[1].pressedOnce, keys({KEY_B}));
-        QVERIFY(device.isKeyPressed(KEY_A));
+        EventDevice::Records taken;
+        QVERIFY(deliver(testbed, node, device, taken));
+        // Neither the repeats nor the frame ends that carried only them.
+        QCOMPARE(describeKeyRecords(taken.records),
+                 describeKeyRecords(pressed(KEY_A) + pressed(KEY_B)));
     }
 
-    void releaseEmitsWithoutPressedOnce()
+    void releaseIsHandedOn()
     {
         UmockdevTestbed testbed;
         const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
         QVERIFY(testbed.pressKey(node, KEY_A));
-        deliver(testbed, node, device);
-        EmissionRecorder recorder(device, {KEY_A});
+        EventDevice::Records taken;
+        QVERIFY(deliver(testbed, node, device, taken));
+        QCOMPARE(describeKeyRecords(taken.records), describeKeyRecords(pressed(KEY_A)));
         QVERIFY(testbed.releaseKey(node, KEY_A));
-        deliver(testbed, node, device);
-
-        QCOMPARE(recorder.emissions.size(), 1);
-        QCOMPARE(recorder.emissions[0].pressedOnce, keys({}));
-        QCOMPARE(recorder.emissions[0].pressed, keys({}));
-        QVERIFY(!device.isKeyPressed());
+        QVERIFY(deliver(testbed, node, device, taken));
+        QCOMPARE(describeKeyRecords(taken.records), describeKeyRecords(released(KEY_A)));
     }
 
     void otherEventTypesAreIgnored()
@@ -184,37 +176,39 @@ private Q_SLOTS:
         UmockdevTestbed testbed;
         const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
-        EmissionRecorder recorder(device, {KEY_A, KEY_B});
         QVERIFY(testbed.writeEvent(node, EV_MSC, MSC_SCAN, KEY_A));
         QVERIFY(testbed.writeEvent(node, EV_REL, KEY_A, 1));
         QVERIFY(testbed.writeEvent(node, EV_LED, KEY_A, 1));
         QVERIFY(testbed.writeEvent(node, EV_SYN, SYN_REPORT, 0));
         QVERIFY(testbed.pressKey(node, KEY_B));
-        deliver(testbed, node, device);
-
-        QCOMPARE(recorder.emissions.size(), 1);
-        QCOMPARE(recorder.emissions[0].pressed, keys({KEY_B}));
+        EventDevice::Records taken;
+        QVERIFY(deliver(testbed, node, device, taken));
+        // The first frame had no key record, so not even its end is handed on.
+        QCOMPARE(describeKeyRecords(taken.records), describeKeyRecords(pressed(KEY_B)));
     }
 
-    void aRecordAndAPartialOneProcessTheRecordAndDropTheRest()
+    void aRecordAndAPartialOneHandOnTheRecordAndDropTheRest()
     {
         UmockdevTestbed testbed;
         const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
-        EmissionRecorder recorder(device, {KEY_A, KEY_B});
         LogCapture capture;
         const QByteArray record = UmockdevTestbed::eventRecord(EV_KEY, KEY_A, 1);
         QVERIFY(testbed.writeBytes(node, record + record.left(8)));
-        deliver(testbed, node, device);
-        QCOMPARE(recorder.emissions.size(), 1);
-        QCOMPARE(recorder.emissions[0].pressedOnce, keys({KEY_A}));
+        EventDevice::Records taken;
+        QVERIFY(deliver(testbed, node, device, taken));
+        QCOMPARE(describeKeyRecords(taken.records), describeKeyRecords({KeyRecord::press(KEY_A)}));
+        QCOMPARE(taken.readError, 0);
+        device.reportReadError(taken.readError);
 
         // Had the 8 bytes stayed queued, the next record would be read out of step.
         QVERIFY(testbed.pressKey(node, KEY_B));
-        deliver(testbed, node, device);
-        QCOMPARE(recorder.emissions.size(), 2);
-        QCOMPARE(recorder.emissions[1].pressedOnce, keys({KEY_B}));
+        QVERIFY(deliver(testbed, node, device, taken));
+        QCOMPARE(describeKeyRecords(taken.records), describeKeyRecords(pressed(KEY_B)));
+        QCOMPARE(taken.readError, 0);
+        device.reportReadError(taken.readError);
         QVERIFY(!capture.contains(QStringLiteral("Could not read a full event")));
+        QCOMPARE(capture.entries().size(), 0);
     }
 
     void readsShorterThanOneRecordAreReported_data()
@@ -231,56 +225,62 @@ private Q_SLOTS:
         UmockdevTestbed testbed;
         const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
-        EmissionRecorder recorder(device, {KEY_A});
         LogCapture capture;
         QVERIFY(
             testbed.writeBytes(node, UmockdevTestbed::eventRecord(EV_KEY, KEY_A, 1).left(bytes)));
-        deliver(testbed, node, device);
+        EventDevice::Records taken;
+        QVERIFY(deliver(testbed, node, device, taken));
+        QVERIFY(taken.records.empty());
+        QVERIFY(taken.readError != 0);
+        // Logged only when the owner reports it, as the read's own line.
+        QCOMPARE(capture.entries().size(), 0);
+        device.reportReadError(taken.readError);
         verifyLine(capture, QStringLiteral("Could not read a full event"), Logger::LEVEL_ERROR,
                    QStringLiteral("readDevice"));
-        QCOMPARE(recorder.emissions.size(), 0);
+        QCOMPARE(capture.entries().size(), 1);
         QVERIFY(device.getFd() != -1);
+
+        // The error is handed on once; the device reads on.
+        QVERIFY(testbed.pressKey(node, KEY_B));
+        QVERIFY(deliver(testbed, node, device, taken));
+        QCOMPARE(describeKeyRecords(taken.records), describeKeyRecords(pressed(KEY_B)));
+        QCOMPARE(taken.readError, 0);
     }
 
-    void oneReadTakesAtMost128Records()
+    void keyCodesBeyondTheLastAreHandedOnAndPassedOver()
     {
         UmockdevTestbed testbed;
         const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
-        QVector<int> codes;
-        QByteArray records;
-        for (int i = 0; i < 150; ++i) {
-            codes.append(KEY_1 + i);
-            records += UmockdevTestbed::eventRecord(EV_KEY, KEY_1 + i, 1);
-        }
-        QVector<int> reported;
-        connect(&device, &EventDevice::keymapChanged, this,
-                [&reported, &codes](const EventDevice* d) {
-                    for (int code : codes) {
-                        if (d->isKeyPressedOnce(code)) {
-                            reported.append(code);
-                        }
-                    }
-                });
-        QVERIFY(testbed.writeBytes(node, records));
-        deliver(testbed, node, device);
-        QCOMPARE(reported, codes.mid(0, 128));
-        device.readDevice();
-        QCOMPARE(reported, codes);
-    }
-
-    void keyCodesBeyondTheStateAreReportedNotStored()
-    {
-        UmockdevTestbed testbed;
-        const QString node = testbed.addDevice(DeviceDescription::keyboard());
-        EventDevice device(node);
-        EmissionRecorder recorder(device, {});
+        KeyEngine engine;
+        engine.setCommandCombinations({{{}, {800}}, {{}, {KEY_A}}});
+        engine.setClaimKeys({{{}, {800}}});
+        engine.setClaimKeyArmed(0, true);
+        engine.addDevice(device.getId(), device.getKeysAtOpen());
         LogCapture capture;
         QVERIFY(testbed.writeEvent(node, EV_KEY, 800, 1));
-        deliver(testbed, node, device);
-        verifyLine(capture, QStringLiteral("key is invalid: 800"), Logger::LEVEL_BUG,
-                   QStringLiteral("readDevice"));
-        QCOMPARE(recorder.emissions.size(), 0);
+        QVERIFY(testbed.writeEvent(node, EV_SYN, SYN_REPORT, 0));
+        EventDevice::Records taken;
+        QVERIFY(deliver(testbed, node, device, taken));
+        QCOMPARE(describeKeyRecords(taken.records), describeKeyRecords(pressed(800)));
+        QCOMPARE(taken.readError, 0);
+        device.reportReadError(taken.readError);
+        QVERIFY(engine.feed(device.getId(), taken.records).empty());
+        QVERIFY(!engine.keyState(device.getId())->isPressed());
+        QVERIFY(engine.waitingCommands(device.getId()).empty());
+        QVERIFY(engine.isClaimKeyArmed(0));
+        QCOMPARE(capture.entries().size(), 0);
+
+        // Neither the device nor the engine is put out by it: the next key counts as ever.
+        QVERIFY(testbed.pressKey(node, KEY_A));
+        QVERIFY(testbed.releaseKey(node, KEY_A));
+        QVERIFY(deliver(testbed, node, device, taken));
+        QCOMPARE(describeKeyRecords(taken.records),
+                 describeKeyRecords(pressed(KEY_A) + released(KEY_A)));
+        QCOMPARE(engine.feed(device.getId(), taken.records),
+                 (std::vector<KeyEngine::Decision>{
+                     {KeyEngine::Decision::Kind::RUN_COMMAND, device.getId(), 1}}));
+        QVERIFY(device.getFd() != -1);
     }
 
     void mouseWithButtonsIsUsable()
@@ -290,12 +290,11 @@ private Q_SLOTS:
         EventDevice device(node);
         QVERIFY(device.getFd() != -1);
         QCOMPARE(device.getDeviceFileName(), node);
-        EmissionRecorder recorder(device, {BTN_LEFT});
         QVERIFY(testbed.writeEvent(node, EV_REL, REL_X, 5));
         QVERIFY(testbed.pressKey(node, BTN_LEFT));
-        deliver(testbed, node, device);
-        QCOMPARE(recorder.emissions.size(), 1);
-        QCOMPARE(recorder.emissions[0].pressedOnce, keys({BTN_LEFT}));
+        EventDevice::Records taken;
+        QVERIFY(deliver(testbed, node, device, taken));
+        QCOMPARE(describeKeyRecords(taken.records), describeKeyRecords(pressed(BTN_LEFT)));
     }
 
     void deviceWithoutKeysIsClosed()
@@ -308,8 +307,11 @@ private Q_SLOTS:
                    Logger::LEVEL_WARNING, QStringLiteral("EventDevice"));
         QCOMPARE(device->getFd(), -1);
         QVERIFY(device->getDeviceFileName().isEmpty());
-        device->readDevice();
         capture.clear();
+        const EventDevice::Records taken = device->takeRecords();
+        QVERIFY(taken.records.empty());
+        QCOMPARE(taken.readError, 0);
+        device->reportReadError(taken.readError);
         delete device;
         QCOMPARE(capture.entries().size(), 0);
     }
@@ -341,72 +343,31 @@ private Q_SLOTS:
         QVERIFY(device.getDeviceFileName().isEmpty());
     }
 
-    void lastKeyCodeIsTrackedButNotCountedAsAnyKey()
+    void lastKeyCodeHeldAtOpenIsKeptButNotCountedAsAnyKey()
     {
         UmockdevTestbed testbed;
         UmockdevDeviceState state;
         state.keysDown = {767};
         EventDevice device(testbed.addDevice(DeviceDescription::keyboard(), state));
-        LogCapture capture;
-        QVERIFY(device.isKeyPressed(767));
-        QVERIFY(!device.isKeyPressed());
-        QCOMPARE(capture.entries().size(), 0);
+        QVERIFY(device.getKeysAtOpen().isPressed(767));
+        QVERIFY(!device.getKeysAtOpen().isPressed(766));
+        QVERIFY(!device.getKeysAtOpen().isPressed());
     }
 
-    void keysOutsideTheStateAreRejected_data()
-    {
-        QTest::addColumn<int>("key");
-        QTest::newRow("one past the last code") << 768;
-        QTest::newRow("negative") << -1;
-    }
-
-    void keysOutsideTheStateAreRejected()
-    {
-        QFETCH(int, key);
-        UmockdevTestbed testbed;
-        UmockdevDeviceState state;
-        state.keysDown = {767};
-        EventDevice device(testbed.addDevice(DeviceDescription::keyboard(), state));
-        LogCapture capture;
-        const QString message = QStringLiteral("key is invalid: %1").arg(key);
-        QVERIFY(!device.isKeyPressed(key));
-        verifyLine(capture, message, Logger::LEVEL_BUG, QStringLiteral("isKeyPressed"));
-        capture.clear();
-        QVERIFY(!device.isKeyPressedOnce(key));
-        verifyLine(capture, message, Logger::LEVEL_BUG, QStringLiteral("isKeyPressedOnce"));
-    }
-
-    void deviceVariablesAreSetAndOverwritten()
-    {
-        UmockdevTestbed testbed;
-        EventDevice device(testbed.addDevice(DeviceDescription::keyboard()));
-        device.setDeviceVariable(QStringLiteral("station_id"), QStringLiteral("3"));
-        device.setDeviceVariable(QStringLiteral("seat"), QStringLiteral("left"));
-        device.setDeviceVariable(QStringLiteral("station_id"), QStringLiteral("4"));
-        const QHash<QString, QString> expected{{QStringLiteral("station_id"), QStringLiteral("4")},
-                                               {QStringLiteral("seat"), QStringLiteral("left")}};
-        QCOMPARE(device.getDeviceVariables(), expected);
-    }
-
-    void readEventsReadsEveryDeviceInOrder()
+    void eachDeviceHandsOnItsOwnRecords()
     {
         UmockdevTestbed testbed;
         const QString first = testbed.addDevice(DeviceDescription::keyboard());
         const QString second = testbed.addDevice(DeviceDescription::mouse());
         QVector<EventDevice*> devices{new EventDevice(first), new EventDevice(second)};
-        QVector<const EventDevice*> senders;
-        for (EventDevice* device : std::as_const(devices)) {
-            connect(device, &EventDevice::keymapChanged, this,
-                    [&senders](const EventDevice* sender) { senders.append(sender); });
-        }
         QVERIFY(testbed.pressKey(second, BTN_RIGHT));
         QVERIFY(testbed.pressKey(first, KEY_Z));
-        QVERIFY(testbed.waitForPendingInput(first));
-        QVERIFY(testbed.waitForPendingInput(second));
-        EventDevice::readEvents(devices);
-        QCOMPARE(senders, (QVector<const EventDevice*>{devices[0], devices[1]}));
-        QVERIFY(devices[0]->isKeyPressed(KEY_Z));
-        QVERIFY(devices[1]->isKeyPressed(BTN_RIGHT));
+        QVERIFY(testbed.waitUntilRead(first, *devices[0]));
+        QVERIFY(testbed.waitUntilRead(second, *devices[1]));
+        QCOMPARE(describeKeyRecords(devices[0]->takeRecords().records),
+                 describeKeyRecords(pressed(KEY_Z)));
+        QCOMPARE(describeKeyRecords(devices[1]->takeRecords().records),
+                 describeKeyRecords(pressed(BTN_RIGHT)));
         qDeleteAll(devices);
     }
 
@@ -429,40 +390,8 @@ private Q_SLOTS:
         QVERIFY(withoutTypes.isNull());
         qDeleteAll(devices);
     }
-    void droppedRecordsAreReplacedByTheKernelsKeyState()
-    {
-        UmockdevTestbed testbed;
-        UmockdevDeviceState state;
-        state.keysDown = {KEY_A, KEY_B};
-        // After the drop: A came up, B is still down, C went down.
-        state.laterKeysDown = {{KEY_B, KEY_C}};
-        const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
-        EventDevice device(node);
-        QVERIFY(device.isKeyPressed(KEY_A));
-        EmissionRecorder recorder(device, {KEY_A, KEY_B, KEY_C, KEY_D});
 
-        QVERIFY(testbed.writeEvent(node, EV_SYN, SYN_DROPPED, 0));
-        // The rest of the broken frame is discarded, whatever it says.
-        QVERIFY(testbed.writeEvent(node, EV_KEY, KEY_D, 1));
-        QVERIFY(testbed.writeEvent(node, EV_SYN, SYN_REPORT, 0));
-        deliver(testbed, node, device);
-
-        QCOMPARE(recorder.emissions.size(), 2);
-        QCOMPARE(recorder.emissions[0].pressed, keys({KEY_B}));
-        QCOMPARE(recorder.emissions[0].pressedOnce, keys({}));
-        QCOMPARE(recorder.emissions[1].pressed, keys({KEY_B, KEY_C}));
-        QCOMPARE(recorder.emissions[1].pressedOnce, keys({KEY_C}));
-        QVERIFY(!device.isKeyPressed(KEY_A));
-        QVERIFY(!device.isKeyPressed(KEY_D));
-
-        // Records after the resynchronising frame count again.
-        QVERIFY(testbed.releaseKey(node, KEY_C));
-        deliver(testbed, node, device);
-        QCOMPARE(recorder.emissions.size(), 3);
-        QCOMPARE(recorder.emissions[2].pressed, keys({KEY_B}));
-    }
-
-    void aDropWithNothingChangedReportsNothing()
+    void aDropWithNothingChangedHandsOnNothingForIt()
     {
         UmockdevTestbed testbed;
         UmockdevDeviceState state;
@@ -470,45 +399,40 @@ private Q_SLOTS:
         state.laterKeysDown = {{KEY_A}};
         const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
         EventDevice device(node);
-        EmissionRecorder recorder(device, {KEY_A});
         QVERIFY(testbed.writeEvent(node, EV_SYN, SYN_DROPPED, 0));
         QVERIFY(testbed.writeEvent(node, EV_SYN, SYN_REPORT, 0));
         QVERIFY(testbed.pressKey(node, KEY_B));
-        deliver(testbed, node, device);
-        QCOMPARE(recorder.emissions.size(), 1);
-        QVERIFY(device.isKeyPressed(KEY_A));
-        QVERIFY(device.isKeyPressed(KEY_B));
+        EventDevice::Records taken;
+        QVERIFY(deliver(testbed, node, device, taken));
+        QCOMPARE(describeKeyRecords(taken.records), describeKeyRecords(pressed(KEY_B)));
     }
 
-    void releaseFramesAreMarkedWhenTheKernelMadeThemUp_data()
+    void frameEndsCarryTheKernelsMark_data()
     {
         QTest::addColumn<int>("reportValue");
-        QTest::addColumn<bool>("byKernel");
-        QTest::newRow("typed release") << 0 << false;
-        QTest::newRow("the kernel's release on unplug") << 1 << true;
+        QTest::newRow("typed release") << 0;
+        QTest::newRow("the kernel's release on unplug") << 1;
     }
 
-    void releaseFramesAreMarkedWhenTheKernelMadeThemUp()
+    void frameEndsCarryTheKernelsMark()
     {
         QFETCH(int, reportValue);
-        QFETCH(bool, byKernel);
         UmockdevTestbed testbed;
         UmockdevDeviceState state;
         state.keysDown = {KEY_LEFTCTRL, KEY_F1};
         const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
         EventDevice device(node);
-        QVector<bool> marks;
-        connect(&device, &EventDevice::keymapChanged, this, [&marks](const EventDevice* changed) {
-            marks.append(changed->isReleasedByKernel());
-        });
         QVERIFY(testbed.writeEvent(node, EV_KEY, KEY_F1, 0));
         QVERIFY(testbed.writeEvent(node, EV_KEY, KEY_LEFTCTRL, 0));
         QVERIFY(testbed.writeEvent(node, EV_SYN, SYN_REPORT, reportValue));
         // The next frame is a typed one again.
         QVERIFY(testbed.pressKey(node, KEY_A));
-        deliver(testbed, node, device);
-        QCOMPARE(marks, QVector<bool>({byKernel, byKernel, false}));
-        QVERIFY(!device.isReleasedByKernel());
+        EventDevice::Records taken;
+        QVERIFY(deliver(testbed, node, device, taken));
+        QCOMPARE(describeKeyRecords(taken.records),
+                 describeKeyRecords({KeyRecord::release(KEY_F1), KeyRecord::release(KEY_LEFTCTRL),
+                                     KeyRecord::frameEnd(reportValue), KeyRecord::press(KEY_A),
+                                     KeyRecord::frameEnd(0)}));
     }
 
     void recordsWaitInTheDevicesQueueUntilTheUpdate()
@@ -516,19 +440,16 @@ private Q_SLOTS:
         UmockdevTestbed testbed;
         const QString node = testbed.addDevice(DeviceDescription::mouse());
         EventDevice device(node);
-        EmissionRecorder recorder(device, {BTN_LEFT});
+        QSignalSpy waiting(&device, &EventDevice::recordsWaiting);
         QVERIFY(testbed.pressKey(node, BTN_LEFT));
-        QVERIFY(testbed.waitForPendingInput(node));
-        // The socket notifier takes the records as they arrive, without processing them.
-        QVERIFY(QTest::qWaitFor([&] {
-            pollfd pending{device.getFd(), POLLIN, 0};
-            return poll(&pending, 1, 0) == 0;
-        }));
-        QCOMPARE(recorder.emissions.size(), 0);
-        QVERIFY(!device.isKeyPressed(BTN_LEFT));
-        device.readDevice();
-        QCOMPARE(recorder.emissions.size(), 1);
-        QVERIFY(device.isKeyPressed(BTN_LEFT));
+        QVERIFY(testbed.waitUntilRead(node, device));
+        // The reader takes the records as they arrive and says so.
+        QTRY_COMPARE(waiting.count(), 1);
+        QCOMPARE(describeKeyRecords(device.takeRecords().records),
+                 describeKeyRecords(pressed(BTN_LEFT)));
+        // Everything was handed on: nothing more is announced.
+        QCOMPARE(waiting.count(), 1);
+        QVERIFY(device.takeRecords().records.empty());
     }
 
     void moreThanAnUpdatesShareOfRecordsWaitsForTheNextUpdate()
@@ -536,29 +457,32 @@ private Q_SLOTS:
         UmockdevTestbed testbed;
         const QString node = testbed.addDevice(DeviceDescription::keyboard());
         EventDevice device(node);
-        int emissions = 0;
-        connect(&device, &EventDevice::keymapChanged, this, [&emissions] { ++emissions; });
-        // More than one update processes, in portions the node's buffer holds, each taken by
-        // the notifier before the next.
-        int records = 0;
-        for (; records <= int(EventDevice::maxRecordsPerUpdate); records += 100) {
+        // More than one update hands on, in portions the node's buffer holds, each taken by
+        // the reader before the next.
+        std::vector<KeyRecord> written;
+        while (written.size() <= EventDevice::maxRecordsPerUpdate) {
             QByteArray bytes;
             for (int i = 0; i < 50; ++i) {
                 bytes += UmockdevTestbed::eventRecord(EV_KEY, KEY_A, 1);
                 bytes += UmockdevTestbed::eventRecord(EV_KEY, KEY_A, 0);
+                written.push_back(KeyRecord::press(KEY_A));
+                written.push_back(KeyRecord::release(KEY_A));
             }
             QVERIFY(testbed.writeBytes(node, bytes));
-            QVERIFY(testbed.waitForPendingInput(node));
-            QVERIFY(QTest::qWaitFor([&] {
-                pollfd pending{device.getFd(), POLLIN, 0};
-                return poll(&pending, 1, 0) == 0;
-            }));
+            QVERIFY(testbed.waitUntilRead(node, device));
         }
-        QCOMPARE(emissions, 0);
-        device.readDevice();
-        QCOMPARE(emissions, int(EventDevice::maxRecordsPerUpdate));
-        device.readDevice();
-        QCOMPARE(emissions, records);
+        QSignalSpy waiting(&device, &EventDevice::recordsWaiting);
+        const auto share = static_cast<std::ptrdiff_t>(EventDevice::maxRecordsPerUpdate);
+        EventDevice::Records taken = device.takeRecords();
+        QCOMPARE(describeKeyRecords(taken.records), describeKeyRecords(std::vector<KeyRecord>(
+                                                        written.begin(), written.begin() + share)));
+        QCOMPARE(taken.readError, 0);
+        // The rest is announced for the next update.
+        QCOMPARE(waiting.count(), 1);
+        taken = device.takeRecords();
+        QCOMPARE(describeKeyRecords(taken.records), describeKeyRecords(std::vector<KeyRecord>(
+                                                        written.begin() + share, written.end())));
+        QCOMPARE(waiting.count(), 1);
     }
 
     void nodesAreOpenedByTheirDeviceNumber_data()

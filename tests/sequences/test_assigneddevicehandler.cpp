@@ -4,14 +4,13 @@
 #include "input/EventDevice.h"
 #include "input/InputKeyCode.h"
 #include "sequences/AssignedDeviceHandler.h"
-#include "sequences/SystemCommandAction.h"
 
 #include <QtTest>
 
 using Orvanta::Logger;
 
 // The handler without devices that can be opened: configuration file reading,
-// device book-keeping and the list of triggered actions.
+// device book-keeping.
 class AssignedDeviceHandlerTest : public QObject
 {
     Q_OBJECT
@@ -199,64 +198,6 @@ private Q_SLOTS:
         QCOMPARE(capture.entries().first().level, Logger::LEVEL_WARNING);
         QCOMPARE(capture.entries().first().function, QString("removeAssignedDevice"));
         QCOMPARE(changed.count(), 0);
-    }
-
-    void nullDeviceInTheSlotIsABug()
-    {
-        AssignedDeviceHandler handler(writeConfig(""));
-        LogCapture capture;
-        handler.keymapChanged(nullptr);
-        QCOMPARE(capture.messages(), QStringList{"eventDevice is NULL"});
-        QCOMPARE(capture.entries().first().level, Logger::LEVEL_BUG);
-        QCOMPARE(capture.entries().first().function, QString("keymapChanged"));
-    }
-
-    // The devices below could not be opened, so none of their keys is down:
-    // keymapChanged runs every pending trigger of the device it is given.
-    void deleteTriggeredActionPassesOverTheSecondOfTwoAdjacentEntries()
-    {
-        AssignedDeviceHandler handler(writeConfig(""));
-        EventDevice device(dir->filePath("event1"));
-        SystemCommandAction first("echo first >> " + dir->filePath("out"), &handler);
-        SystemCommandAction second("echo second >> " + dir->filePath("out"), &handler);
-        first.performAction(&device);
-        second.performAction(&device);
-
-        handler.deleteTriggeredAction(&device);
-        handler.keymapChanged(&device);
-        QCOMPARE(readFile(dir->filePath("out")), QByteArray("second\n"));
-    }
-
-    void deleteTriggeredActionRemovesEntriesThatAreNotAdjacent()
-    {
-        AssignedDeviceHandler handler(writeConfig(""));
-        EventDevice device(dir->filePath("event1"));
-        EventDevice other(dir->filePath("event2"));
-        SystemCommandAction first("echo first >> " + dir->filePath("out"), &handler);
-        SystemCommandAction between("echo other >> " + dir->filePath("out"), &handler);
-        SystemCommandAction second("echo second >> " + dir->filePath("out"), &handler);
-        first.performAction(&device);
-        between.performAction(&other);
-        second.performAction(&device);
-
-        handler.deleteTriggeredAction(&device);
-        handler.keymapChanged(&device);
-        QVERIFY(!QFile::exists(dir->filePath("out")));
-        handler.keymapChanged(&other);
-        QCOMPARE(readFile(dir->filePath("out")), QByteArray("other\n"));
-    }
-
-    void pendingTriggersRunInTheOrderOfTriggering()
-    {
-        AssignedDeviceHandler handler(writeConfig(""));
-        EventDevice device(dir->filePath("event1"));
-        SystemCommandAction first("echo first >> " + dir->filePath("out"), &handler);
-        SystemCommandAction second("echo second >> " + dir->filePath("out"), &handler);
-        second.performAction(&device);
-        first.performAction(&device);
-        second.performAction(&device);
-        handler.keymapChanged(&device);
-        QCOMPARE(readFile(dir->filePath("out")), QByteArray("second\nfirst\n"));
     }
 
 private:

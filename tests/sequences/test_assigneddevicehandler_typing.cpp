@@ -52,6 +52,7 @@ private Q_SLOTS:
         QVERIFY2(!QFile::exists(out), "the command ran before every key was up");
         LogCapture capture;
         type(node, KEY_LEFTCTRL, false);
+        waitUntilIdle();
         QCOMPARE(output(), QByteArray("3\n"));
         const LogCapture::Entry* entry =
             capture.find("Executing command: echo \"$STATION_ID\" >> " + out + "\n");
@@ -61,62 +62,10 @@ private Q_SLOTS:
         // Nothing is left to run.
         type(node, KEY_A, true);
         type(node, KEY_A, false);
+        waitUntilIdle();
         QCOMPARE(output(), QByteArray("3\n"));
     }
 
-    void commandRunsWhenTheLastHeldKeyIsReleased()
-    {
-        createHandler("KEY_LEFTCTRL:KEY_F1:echo ran >> " + out + "\n");
-        const QString node = addKeyboard(1);
-        type(node, KEY_LEFTCTRL, true);
-        type(node, KEY_F1, true);
-        type(node, KEY_F1, false);
-        QVERIFY2(!QFile::exists(out), "ran while Ctrl was still down");
-        type(node, KEY_LEFTCTRL, false);
-        QCOMPARE(output(), QByteArray("ran\n"));
-    }
-
-    void commandRunsAfterTheHoldKeyIfItIsReleasedFirst()
-    {
-        createHandler("KEY_LEFTCTRL:KEY_F1:echo ran >> " + out + "\n");
-        const QString node = addKeyboard(1);
-        type(node, KEY_LEFTCTRL, true);
-        type(node, KEY_F1, true);
-        type(node, KEY_LEFTCTRL, false);
-        QVERIFY2(!QFile::exists(out), "ran while F1 was still down");
-        type(node, KEY_F1, false);
-        QCOMPARE(output(), QByteArray("ran\n"));
-    }
-
-    void pressingF1ThreeTimesWithCtrlHeldRunsOnce()
-    {
-        createHandler("KEY_LEFTCTRL:KEY_F1:echo ran >> " + out + "\n");
-        const QString node = addKeyboard(1);
-        type(node, KEY_LEFTCTRL, true);
-        for (int i = 0; i < 3; ++i) {
-            type(node, KEY_F1, true);
-            type(node, KEY_F1, false);
-        }
-        QVERIFY(!QFile::exists(out));
-        type(node, KEY_LEFTCTRL, false);
-        QCOMPARE(output(), QByteArray("ran\n"));
-    }
-
-    void sequencesWithTheSameKeysAllRunInFileOrder()
-    {
-        createHandler("KEY_LEFTCTRL:KEY_F1:echo first >> " + out + "\n" +
-                      "KEY_LEFTCTRL:KEY_F2:echo other >> " + out + "\n" +
-                      "KEY_LEFTCTRL:KEY_F1:echo second >> " + out + "\n");
-        const QString node = addKeyboard(1);
-        type(node, KEY_LEFTCTRL, true);
-        type(node, KEY_F1, true);
-        type(node, KEY_F1, false);
-        type(node, KEY_LEFTCTRL, false);
-        QCOMPARE(output(), QByteArray("first\nsecond\n"));
-    }
-
-    // A reload while Ctrl+F1 is held: the command waiting for the release runs
-    // only if the new file still has its line, and then as the new file's.
     void reloadWithTheCombinationHeld_data()
     {
         QTest::addColumn<QString>("newFile");
@@ -179,6 +128,7 @@ private Q_SLOTS:
         QVERIFY(handler->getEventDevice(node));
         type(node, KEY_F1, false);
         type(node, KEY_LEFTCTRL, false);
+        waitUntilIdle();
         QCOMPARE(output(), ranOnRelease);
 
         // From now on the running configuration is what counts.
@@ -189,6 +139,7 @@ private Q_SLOTS:
         type(node, KEY_F2, true);
         type(node, KEY_F2, false);
         type(node, KEY_LEFTCTRL, false);
+        waitUntilIdle();
         QCOMPARE(output(), ranAfterwards);
     }
 
@@ -208,6 +159,7 @@ private Q_SLOTS:
             type(node, KEY_F1, false);
             type(node, KEY_LEFTCTRL, false);
         }
+        waitUntilIdle();
         QCOMPARE(output(), QByteArray("2\n1\n"));
     }
 
@@ -229,7 +181,7 @@ private Q_SLOTS:
         QCOMPARE(handler->getEventDevice(node.chopped(1)), nullptr);
         QCOMPARE(changed.count(), 1);
         QCOMPARE(capture.count("Adding assigned device " + node), 1);
-        QCOMPARE(device->getDeviceVariables().value("station_id"), QString("2"));
+        QCOMPARE(handler->getDeviceVariables(node).value("station_id"), QString("2"));
 
         capture.clear();
         handler->logStatus();
@@ -240,6 +192,7 @@ private Q_SLOTS:
         type(node, KEY_F1, true);
         type(node, KEY_F1, false);
         type(node, KEY_LEFTCTRL, false);
+        waitUntilIdle();
         QCOMPARE(output(), QByteArray("2\n"));
     }
 
@@ -262,35 +215,33 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(out));
         type(first, KEY_F1, false);
         type(first, KEY_LEFTCTRL, false);
+        waitUntilIdle();
         QCOMPARE(output(), QByteArray("4\n"));
     }
 
-    void sleepingCommandHoldsUpKeyHandling()
+    void keysAreHandledWhileACommandRuns()
     {
-        // The command writes its line only at its end.
-        createHandler("KEY_LEFTCTRL:KEY_F1:sleep 0.5; echo done >> " + out + "\n");
-        const QString node = addKeyboard(1);
-        type(node, KEY_LEFTCTRL, true);
-        type(node, KEY_F1, true);
-        type(node, KEY_F1, false);
-        // The release that runs the command and a press behind it, read in
-        // the same pass.
-        QVERIFY(testbed->releaseKey(node, KEY_LEFTCTRL));
-        QVERIFY(testbed->pressKey(node, KEY_A));
-        QVERIFY(testbed->waitForPendingInput(node));
-        EventDevice* device = handler->getEventDevice(node);
-        int pressesSeen = 0;
-        bool commandDoneWhenASeen = false;
-        connect(device, &EventDevice::keymapChanged, this, [&](const EventDevice* changed) {
-            if (changed->isKeyPressedOnce(KEY_A)) {
-                ++pressesSeen;
-                commandDoneWhenASeen = QFile::exists(out);
-            }
-        });
-        handler->update();
-        QCOMPARE(output(), QByteArray("done\n"));
-        QCOMPARE(pressesSeen, 1);
-        QVERIFY2(commandDoneWhenASeen, "the key press was handled while the command still ran");
+        // Station 1's first command runs until the test opens its gate.
+        const QString gate = dir->filePath("gate");
+        createHandler("KEY_LEFTCTRL:KEY_F1:" + commandWaitingFor(gate) + "; echo ran >> " + out +
+                      "\n" + "KEY_LEFTCTRL:KEY_F2:echo two >> " + out + "\n" +
+                      "KEY_LEFTCTRL:KEY_F3:echo three >> " + out + "\n");
+        const QString first = addKeyboard(1);
+        const QString second = addKeyboard(2);
+        combination(first, KEY_F1);
+        QVERIFY(handler->getCommandScheduler().isRunning("1"));
+
+        // Meanwhile station 1's next combination waits behind its running command, and
+        // station 2's runs at once.
+        combination(first, KEY_F2);
+        QCOMPARE(handler->getCommandScheduler().waitingCount("1"), 1);
+        combination(second, KEY_F3);
+        QTRY_COMPARE_WITH_TIMEOUT(output(), QByteArray("three\n"), 10000);
+        QVERIFY(handler->getCommandScheduler().isRunning("1"));
+
+        QVERIFY(writeFile(gate, QByteArray()));
+        waitUntilIdle();
+        QCOMPARE(output(), QByteArray("three\nran\ntwo\n"));
     }
 
     void removedDeviceNeverRunsItsPendingTrigger()
@@ -337,99 +288,8 @@ private Q_SLOTS:
         type(node, KEY_F1, true);
         type(node, KEY_F1, false);
         type(node, KEY_LEFTCTRL, false);
+        waitUntilIdle();
         QCOMPARE(output(), QByteArray("a\n"));
-    }
-
-    void theKernelsReleaseOnUnplugRunsNothing()
-    {
-        createHandler("KEY_LEFTCTRL:KEY_F1:echo ran >> " + out + "\n");
-        const QString node = addKeyboard(1);
-        type(node, KEY_LEFTCTRL, true);
-        type(node, KEY_F1, true);
-        // What the kernel reports of a keyboard unplugged with both keys held: both released in
-        // one frame, which it marks with the value 1.
-        QVERIFY(testbed->writeEvent(node, EV_KEY, KEY_LEFTCTRL, 0));
-        QVERIFY(testbed->writeEvent(node, EV_KEY, KEY_F1, 0));
-        QVERIFY(testbed->writeEvent(node, EV_SYN, SYN_REPORT, 1));
-        QVERIFY(testbed->waitForPendingInput(node));
-        handler->update();
-        QVERIFY2(!QFile::exists(out), "the kernel's release ran the command");
-
-        // The trigger is gone, not just postponed; a typed combination still runs.
-        type(node, KEY_A, true);
-        type(node, KEY_A, false);
-        QVERIFY2(!QFile::exists(out), "the dropped trigger ran later");
-        type(node, KEY_LEFTCTRL, true);
-        type(node, KEY_F1, true);
-        type(node, KEY_F1, false);
-        type(node, KEY_LEFTCTRL, false);
-        QCOMPARE(output(), QByteArray("ran\n"));
-    }
-
-    void aTypedReleaseOfBothKeysInOneFrameRunsTheCommand()
-    {
-        createHandler("KEY_LEFTCTRL:KEY_F1:echo ran >> " + out + "\n");
-        const QString node = addKeyboard(1);
-        type(node, KEY_LEFTCTRL, true);
-        type(node, KEY_F1, true);
-        QVERIFY(testbed->writeEvent(node, EV_KEY, KEY_LEFTCTRL, 0));
-        QVERIFY(testbed->writeEvent(node, EV_KEY, KEY_F1, 0));
-        QVERIFY(testbed->writeEvent(node, EV_SYN, SYN_REPORT, 0));
-        QVERIFY(testbed->waitForPendingInput(node));
-        handler->update();
-        QCOMPARE(output(), QByteArray("ran\n"));
-    }
-
-    void keysTypedWhileACommandRunsAreHandledAfterItInOrder()
-    {
-        const QString started = dir->filePath("started");
-        const QString finish = dir->filePath("finish");
-        // The command waits until the test has typed during it.
-        createHandler("KEY_LEFTCTRL:KEY_F1:touch " + started + "; while [ ! -e " + finish +
-                      " ]; do sleep 0.01; done; echo ran >> " + out + "\n");
-        const QString node = addKeyboard(1);
-        EventDevice* device = handler->getEventDevice(node);
-        QVector<int> seen;
-        connect(device, &EventDevice::keymapChanged, this, [&](const EventDevice* changed) {
-            for (int key : {KEY_1, KEY_2, KEY_3}) {
-                if (changed->isKeyPressedOnce(key)) {
-                    seen.append(QFile::exists(out) ? key : -key);
-                }
-            }
-        });
-        type(node, KEY_LEFTCTRL, true);
-        type(node, KEY_F1, true);
-        type(node, KEY_F1, false);
-
-        bool takenDuringTheCommand = false;
-        std::thread typist([&] {
-            QDeadlineTimer deadline(10000);
-            while (!QFile::exists(started) && !deadline.hasExpired()) {
-                QThread::msleep(5);
-            }
-            for (int key : {KEY_1, KEY_2, KEY_3}) {
-                testbed->pressKey(node, key);
-                testbed->releaseKey(node, key);
-            }
-            testbed->waitForPendingInput(node);
-            // Gives the waiting handler the time to take the records off the node.
-            const QDeadlineTimer drained(10000);
-            while (!drained.hasExpired()) {
-                pollfd pending{device->getFd(), POLLIN, 0};
-                if (poll(&pending, 1, 0) == 0) {
-                    takenDuringTheCommand = true;
-                    break;
-                }
-                QThread::msleep(5);
-            }
-            writeFile(finish, QByteArray());
-        });
-        type(node, KEY_LEFTCTRL, false);
-        typist.join();
-        QCOMPARE(output(), QByteArray("ran\n"));
-        QVERIFY2(takenDuringTheCommand, "nothing took the records while the command ran");
-        // Handled once the command had ended (positive codes), in the order typed.
-        QCOMPARE(seen, QVector<int>({KEY_1, KEY_2, KEY_3}));
     }
 
     void windowsLineEndsEndALineLikeAnyOther()
@@ -441,6 +301,7 @@ private Q_SLOTS:
         type(node, KEY_F1, true);
         type(node, KEY_F1, false);
         type(node, KEY_LEFTCTRL, false);
+        waitUntilIdle();
         QCOMPARE(output(), QByteArray("ran\n"));
         QVERIFY2(!QFile::exists(out + "\r"), "the command kept the carriage return");
     }
@@ -466,8 +327,23 @@ private:
     void type(const QString& node, int code, bool down)
     {
         QVERIFY(down ? testbed->pressKey(node, code) : testbed->releaseKey(node, code));
-        QVERIFY(testbed->waitForPendingInput(node));
+        QVERIFY(testbed->waitUntilRead(node, *handler->getEventDevice(node)));
         handler->update();
+    }
+
+    // Ctrl, the key, both released: one combination, handled key by key.
+    void combination(const QString& node, int key)
+    {
+        type(node, KEY_LEFTCTRL, true);
+        type(node, key, true);
+        type(node, key, false);
+        type(node, KEY_LEFTCTRL, false);
+    }
+
+    // Commands run without the handler waiting: waits until every one of them has ended.
+    void waitUntilIdle()
+    {
+        QTRY_VERIFY_WITH_TIMEOUT(handler->getCommandScheduler().isIdle(), 10000);
     }
 
     QByteArray output() const { return readFile(out); }

@@ -6,6 +6,7 @@
 
 #include <QDBusMessage>
 #include <QDir>
+#include <QMap>
 #include <QRegularExpression>
 #include <QVariant>
 
@@ -441,13 +442,40 @@ QString SoakRun::compare(int stepsDone)
                            model.assignedAutoCalls());
     }
     if (mismatch.isEmpty()) {
-        mismatch = differs(QStringLiteral("commands run"), DaemonRunner::readLines(commandsFile),
-                           model.commandLines());
+        mismatch = compareCommands();
     }
     if (mismatch.isEmpty()) {
         mismatch = compareResources(stepsDone);
     }
     return mismatch;
+}
+
+namespace {
+// The lines of each station in their order, the stations one after the other: commands of
+// different stations run side by side, so only each station's own order is fixed.
+QStringList byStation(const QStringList& lines)
+{
+    QMap<QString, QStringList> stations;
+    for (const QString& line : lines) {
+        stations[line.section(QLatin1Char(' '), -1)].append(line);
+    }
+    QStringList grouped;
+    for (const QStringList& station : stations) {
+        grouped += station;
+    }
+    return grouped;
+}
+} // namespace
+
+// Commands run without the daemon waiting for them: the model's count is waited for, and one
+// more command than the model has would show on the next comparison.
+QString SoakRun::compareCommands()
+{
+    const int expected = static_cast<int>(model.commandLines().size());
+    DaemonRunner::waitUntil(
+        [&] { return DaemonRunner::readLines(commandsFile).size() >= expected; });
+    return differs(QStringLiteral("commands run"), byStation(DaemonRunner::readLines(commandsFile)),
+                   byStation(model.commandLines()));
 }
 
 QString SoakRun::compareStatus()
@@ -578,7 +606,11 @@ QString SoakRun::compareResources(int stepsDone)
     const pid_t daemon = box.getDaemon();
     int devices = 0;
     int descriptors = openDescriptors(daemon, &devices);
+    // Each device holds its node twice: its own descriptor, for the LEDs, and the input
+    // reader's duplicate.
+    const int descriptorsPerDevice = 2;
     const int heldDevices =
+        descriptorsPerDevice *
         static_cast<int>(model.unassignedDevices().size() + model.assignedDevices().size());
     if (devices != heldDevices) {
         return QStringLiteral("the daemon has %1 device descriptors open, the model holds %2: %3")

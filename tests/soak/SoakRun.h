@@ -75,6 +75,7 @@ private:
     // daemon has then run an update since the request.
     QString settle();
     QString compareStatus();
+    QString compareCommands();
     QString compareLogLevels();
     QString compareLeds();
     QString compareWindows();

@@ -1,5 +1,7 @@
 #include "UmockdevTestbed.h"
 
+#include "input/EventDevice.h"
+
 #include <QDebug>
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -301,10 +303,42 @@ bool UmockdevTestbed::waitForPendingInput(const QString& node, int bytes, int ti
     return true;
 }
 
+bool UmockdevTestbed::waitUntilRead(const QString& node, const EventDevice& device, int timeoutMs)
+{
+    Node* entry = findNode(node);
+    if (!entry) {
+        return false;
+    }
+    if (entry->readerDevice != device.getId()) {
+        entry->readerDevice = device.getId();
+        entry->readAtLastWait = 0;
+    }
+    const std::uint64_t wanted = entry->readAtLastWait + std::uint64_t(entry->unwaitedBytes);
+    QElapsedTimer timer;
+    timer.start();
+    while (device.getBytesRead() < wanted) {
+        if (timer.hasExpired(timeoutMs)) {
+            qWarning() << "UmockdevTestbed: the reader read" << device.getBytesRead() << "bytes of"
+                       << node << ", expected" << wanted;
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    entry->readAtLastWait = device.getBytesRead();
+    entry->unwaitedBytes = 0;
+    return true;
+}
+
 void UmockdevTestbed::waitForDelivery(const QString& node, int timeoutMs)
 {
     if (Node* entry = findNode(node)) {
         waitForQueued(*entry, 1, timeoutMs);
+        // A reader that takes its records as they arrive has them once the node is empty.
+        QElapsedTimer timer;
+        timer.start();
+        while (queuedBytes(entry->probeFd) > 0 && !timer.hasExpired(readTimeoutMs)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
         entry->unwaitedBytes = 0;
     }
 }

@@ -13,8 +13,8 @@
 //     const QString node = testbed.addDevice(DeviceDescription::keyboard(), state);
 //     EventDevice device(node);               // "/dev/input/event0"
 //     testbed.pressKey(node, KEY_B);          // EV_KEY + EV_SYN, as one write
-//     testbed.waitForPendingInput(node);      // delivered: the next readDevice() sees it
-//     device.readDevice();
+//     testbed.waitUntilRead(node, device);    // read: the next takeRecords() has it
+//     device.takeRecords();
 //     device.setLedOn(LED_CAPSL, true);
 //     QVector<input_event> leds = testbed.readEvents(node, 1); // what the code wrote
 //
@@ -45,6 +45,7 @@
 
 #include <linux/input.h>
 
+#include <cstdint>
 #include <memory>
 
 typedef struct _UMockdevTestbed UMockdevTestbed;
@@ -63,6 +64,8 @@ struct UmockdevDeviceState
     // device number at all (stat() reports 0:0).
     int deviceMajor = 13;
 };
+
+class EventDevice;
 
 class UmockdevTestbed
 {
@@ -111,9 +114,16 @@ public:
     // The default is every byte written since the previous wait on this node, for the usual
     // pattern "write, wait, let the code under test read".
     bool waitForPendingInput(const QString& node, int bytes = -1, int timeoutMs = 5000);
+    // Waits until the daemon's input reader has read, for `device` (open on this node), every
+    // byte written to the node since the previous wait: then the device's next takeRecords()
+    // has whatever records they held. The reader reads on a thread of its own, so the bytes do
+    // not stay queued for waitForPendingInput() to see.
+    bool waitUntilRead(const QString& node, const EventDevice& device, int timeoutMs = 5000);
     // Waits until something written to the node is queued for the code under test, or the time
-    // is up, without a warning: for a test whose code under test may have read it already.
+    // is up, without a warning: for a test whose code under test may have read it already. Then
+    // waits (at most readTimeoutMs) until the node is empty: the code under test has read it.
     void waitForDelivery(const QString& node, int timeoutMs);
+    static constexpr int readTimeoutMs = 2000;
 
     // From the code under test: records it wrote to the node (LED events), in order. Waits until
     // `count` records came or the time is up; returns those that came.
@@ -126,11 +136,13 @@ private:
     struct Node
     {
         QString sysPath;
-        int masterFd = -1;     // umockdev's end, which it never closes (closeLeftOpen)
-        int ptyNumber = -1;    // the pseudo terminal's number, to know the master again
-        int probeFd = -1;      // our own descriptor on the device side, owned here
-        int unwaitedBytes = 0; // written towards the code under test since the last wait
-        QByteArray received;   // bytes from the code under test not yet returned
+        int masterFd = -1;                // umockdev's end, which it never closes (closeLeftOpen)
+        int ptyNumber = -1;               // the pseudo terminal's number, to know the master again
+        int probeFd = -1;                 // our own descriptor on the device side, owned here
+        int unwaitedBytes = 0;            // written towards the code under test since the last wait
+        std::uint64_t readerDevice = 0;   // the device of the last waitUntilRead()
+        std::uint64_t readAtLastWait = 0; // what the reader had read of it then
+        QByteArray received;              // bytes from the code under test not yet returned
     };
 
     Node* findNode(const QString& node);

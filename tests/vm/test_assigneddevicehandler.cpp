@@ -12,7 +12,7 @@
 #include <QSignalSpy>
 #include <QTemporaryDir>
 
-#include <linux/input-event-codes.h>
+#include <linux/input.h>
 
 #include <memory>
 
@@ -45,23 +45,20 @@ private Q_SLOTS:
 
         // One update per event, as the daemon's loop would see them.
         for (int key : {KEY_LEFTCTRL, KEY_LEFTALT, KEY_F1}) {
-            QVERIFY(keyboard.press(key));
-            handler->update();
+            type(keyboard, key, true);
         }
         for (int key : {KEY_F1, KEY_LEFTALT}) {
-            QVERIFY(keyboard.release(key));
-            handler->update();
+            type(keyboard, key, false);
         }
         QVERIFY2(!QFile::exists(out), "the command ran before every key was up");
-        QVERIFY(keyboard.release(KEY_LEFTCTRL));
-        handler->update();
-        // The handler waits for the command, so its output is complete here.
+        type(keyboard, KEY_LEFTCTRL, false);
+        waitUntilIdle();
         QCOMPARE(output(), QByteArray("3\n"));
 
         // Nothing is left pending.
-        QVERIFY(keyboard.press(KEY_A));
-        QVERIFY(keyboard.release(KEY_A));
-        handler->update();
+        type(keyboard, KEY_A, true);
+        type(keyboard, KEY_A, false);
+        waitUntilIdle();
         QCOMPARE(output(), QByteArray("3\n"));
     }
 
@@ -73,14 +70,13 @@ private Q_SLOTS:
         UinputDevice keyboard(DeviceDescription::keyboard());
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         QVERIFY(handler->addAssignedDevice(keyboard.devicePath(), 3));
-        QVERIFY(keyboard.press(KEY_LEFTCTRL));
-        QVERIFY(keyboard.press(KEY_F1));
-        handler->update();
+        type(keyboard, KEY_LEFTCTRL, true);
+        type(keyboard, KEY_F1, true);
         QVERIFY(!QFile::exists(out));
 
-        QVERIFY(keyboard.release(KEY_F1));
-        QVERIFY(keyboard.release(KEY_LEFTCTRL));
-        handler->update();
+        type(keyboard, KEY_F1, false);
+        type(keyboard, KEY_LEFTCTRL, false);
+        waitUntilIdle();
         QVERIFY(QFile::exists(out));
     }
 
@@ -91,9 +87,8 @@ private Q_SLOTS:
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         const QString path = keyboard.devicePath();
         QVERIFY(handler->addAssignedDevice(path, 3));
-        QVERIFY(keyboard.press(KEY_LEFTCTRL));
-        QVERIFY(keyboard.press(KEY_F1));
-        handler->update();
+        type(keyboard, KEY_LEFTCTRL, true);
+        type(keyboard, KEY_F1, true);
         QVERIFY(handler->getEventDevice(path));
 
         // The kernel releases the held keys on its way out, but the read
@@ -102,8 +97,11 @@ private Q_SLOTS:
         LogCapture capture;
         QSignalSpy changed(handler.get(), &AssignedDeviceHandler::assignedDevicesChanged);
         QVERIFY2(keyboard.unplug(), qPrintable(keyboard.errorString()));
-        handler->update();
-        QVERIFY2(capture.contains("Device " + path + " has been removed.  Closing device."),
+        const QString removed = "Device " + path + " has been removed.  Closing device.";
+        QVERIFY2(QTest::qWaitFor([&] {
+                     handler->update();
+                     return capture.contains(removed);
+                 }),
                  qPrintable(capture.messages().join('\n')));
         QVERIFY(!handler->getEventDevice(path));
         // A device lost this way is dropped without a signal.
@@ -112,8 +110,9 @@ private Q_SLOTS:
         handler->logStatus();
         QCOMPARE(capture.messages(), QStringList{"There are 0 assigned device(s) being managed:"});
 
-        // Commands run synchronously inside update(): had it run, the file
-        // would exist by now. Deleting the handler runs nothing either.
+        // Had it started, the command would be logged and the scheduler busy. Deleting the
+        // handler runs nothing either.
+        QVERIFY(handler->getCommandScheduler().isIdle());
         QVERIFY2(!QFile::exists(out), "the dropped command ran");
         QVERIFY(!capture.contains("Executing command: touch " + out + "\n"));
         handler.reset();
@@ -126,6 +125,25 @@ private:
         const QString config = dir->filePath("keys.conf");
         QVERIFY(writeFile(config, configuration.toLatin1()));
         handler.reset(new AssignedDeviceHandler(config));
+    }
+
+    // One key change, taken off the kernel by the input reader and handled by one update.
+    void type(UinputDevice& keyboard, int key, bool down)
+    {
+        const EventDevice* device = handler->getEventDevice(keyboard.devicePath());
+        QVERIFY(device);
+        const std::uint64_t before = device->getBytesRead();
+        QVERIFY(down ? keyboard.press(key) : keyboard.release(key));
+        // The key record and its frame end; a key held long enough adds repeats.
+        const std::uint64_t written = 2 * sizeof(input_event);
+        QVERIFY(QTest::qWaitFor([&] { return device->getBytesRead() >= before + written; }));
+        handler->update();
+    }
+
+    // Commands run without the handler waiting: waits until every one of them has ended.
+    void waitUntilIdle()
+    {
+        QVERIFY(QTest::qWaitFor([&] { return handler->getCommandScheduler().isIdle(); }));
     }
 
     QByteArray output() const { return readFile(out); }

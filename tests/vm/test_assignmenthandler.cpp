@@ -20,7 +20,6 @@
 #include "daemon/Selvane.h"
 #include "input/EventDevice.h"
 #include "input/InputKeyCode.h"
-#include "sequences/KeySequence.h"
 
 #include <QDeadlineTimer>
 #include <QThread>
@@ -224,8 +223,7 @@ private Q_SLOTS:
         const DisplayConfiguration* display = handler->getDisplayConfigurations().first();
         QCOMPARE(display->getState(), DisplayConfiguration::STATE_CONFIGURING_KEYBOARD);
         QCOMPARE(display->getAssignmentKey(), QString("KEY_F1"));
-        const KeySequence* f1 = handler->findKeySequenceWithPressKey("KEY_F1");
-        QVERIFY(f1 && f1->getAction());
+        QCOMPARE(handler->displayWaitingFor("KEY_F1"), display);
 
         UinputDevice keyboard(DeviceDescription::keyboard());
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
@@ -249,7 +247,8 @@ private Q_SLOTS:
         handler->update();
         leds = withEvents(leds, keyboard.takeLedEvents());
         QCOMPARE(display->getState(), DisplayConfiguration::STATE_KEYBOARD_CONFIGURED);
-        QVERIFY(!f1->getAction());
+        QVERIFY(!handler->displayWaitingFor("KEY_F1"));
+        QVERIFY(!handler->isAnyKeyArmed());
         QVERIFY(handler->getEventDevice(path));
 
         handler->update();

@@ -1,15 +1,39 @@
-// EventDevice on kernel input devices: the key state at open time and the
-// unplug, which emulated nodes cannot show the way the kernel does.
+// EventDevice on kernel input devices: the keys held at open time, the records
+// the kernel hands over and the unplug, which emulated nodes cannot show the way
+// the kernel does.
+#include "KeyRecordText.h"
 #include "LogCapture.h"
 #include "UinputTestMain.h"
 
 #include "input/EventDevice.h"
 
-#include <QSignalSpy>
-
 #include <linux/input-event-codes.h>
 
+#include <QDeadlineTimer>
+
+#include <cerrno>
+
 using Orvanta::Logger;
+
+namespace {
+// Takes the device's records until `count` have come, or a read error, or 5 s have passed:
+// the input reader takes them off the kernel on a thread of its own, a moment after they
+// were sent.
+EventDevice::Records takeRecords(EventDevice& device, std::size_t count)
+{
+    EventDevice::Records all;
+    QDeadlineTimer deadline(5000);
+    while (all.records.size() < count && all.readError == 0 && !deadline.hasExpired()) {
+        EventDevice::Records taken = device.takeRecords();
+        all.records.insert(all.records.end(), taken.records.begin(), taken.records.end());
+        all.readError = taken.readError;
+        if (taken.records.empty() && taken.readError == 0) {
+            QTest::qWait(1);
+        }
+    }
+    return all;
+}
+} // namespace
 
 class EventDeviceTest : public QObject
 {
@@ -34,24 +58,22 @@ private Q_SLOTS:
 
         EventDevice device(uinput.devicePath());
         QVERIFY(device.getFd() != -1);
-        QVERIFY(device.isKeyPressed(key));
-        QVERIFY(device.isKeyPressed());
-        QVERIFY(!device.isKeyPressedOnce(key));
+        const KeyState& keys = device.getKeysAtOpen();
+        QVERIFY(keys.isPressed(key));
+        QVERIFY(keys.isPressed());
+        QVERIFY(!keys.isPressedOnce(key));
 
         // The press happened before the open, so nothing of it is queued.
-        QSignalSpy changes(&device, &EventDevice::keymapChanged);
-        device.readDevice();
-        QCOMPARE(changes.count(), 0);
+        EventDevice::Records taken = device.takeRecords();
+        QVERIFY(taken.records.empty());
+        QCOMPARE(taken.readError, 0);
 
-        bool downDuringRelease = true;
-        connect(&device, &EventDevice::keymapChanged, this, [&](const EventDevice* changed) {
-            downDuringRelease = changed->isKeyPressed(key) || changed->isKeyPressedOnce(key);
-        });
+        const auto code = static_cast<std::uint16_t>(key);
         QVERIFY(uinput.release(key));
-        device.readDevice();
-        QCOMPARE(changes.count(), 1);
-        QVERIFY(!downDuringRelease);
-        QVERIFY(!device.isKeyPressed());
+        taken = takeRecords(device, 2);
+        QCOMPARE(describeKeyRecords(taken.records),
+                 describeKeyRecords({KeyRecord::release(code), KeyRecord::frameEnd()}));
+        QCOMPARE(taken.readError, 0);
     }
 
     void heldKeyRepeatsAreIgnored()
@@ -60,7 +82,6 @@ private Q_SLOTS:
         QVERIFY2(keyboard.isValid(), qPrintable(keyboard.errorString()));
         EventDevice device(keyboard.devicePath());
         QVERIFY(device.getFd() != -1);
-        QSignalSpy changes(&device, &EventDevice::keymapChanged);
 
         QVERIFY(keyboard.press(KEY_B));
         for (int repeat = 0; repeat < 3; ++repeat) {
@@ -68,10 +89,12 @@ private Q_SLOTS:
             QVERIFY(keyboard.sync());
         }
         QVERIFY(keyboard.release(KEY_B));
-        device.readDevice();
-        // The press and the release; the repeats in between are not reported.
-        QCOMPARE(changes.count(), 2);
-        QVERIFY(!device.isKeyPressed(KEY_B));
+        const EventDevice::Records taken = takeRecords(device, 4);
+        // The press and the release; neither the repeats in between nor their frames.
+        QCOMPARE(describeKeyRecords(taken.records),
+                 describeKeyRecords({KeyRecord::press(KEY_B), KeyRecord::frameEnd(),
+                                     KeyRecord::release(KEY_B), KeyRecord::frameEnd()}));
+        QCOMPARE(taken.readError, 0);
     }
 
     void unplugClosesTheDeviceAndItsDestructorStaysSilent()
@@ -81,29 +104,43 @@ private Q_SLOTS:
         const QString path = uinput.devicePath();
         auto* device = new EventDevice(path);
         QVERIFY(device->getFd() != -1);
-        QSignalSpy changes(device, &EventDevice::keymapChanged);
 
-        // A key still down at the unplug: the kernel queues a release for it
-        // on the way out, but a read answers ENODEV before handing it over.
+        // A key still down at the unplug: the kernel queues a release for it on the way out.
         QVERIFY(uinput.press(KEY_A));
-        device->readDevice();
-        QCOMPARE(changes.count(), 1);
+        EventDevice::Records taken = takeRecords(*device, 2);
+        QCOMPARE(describeKeyRecords(taken.records),
+                 describeKeyRecords({KeyRecord::press(KEY_A), KeyRecord::frameEnd()}));
+        QCOMPARE(taken.readError, 0);
+        device->reportReadError(taken.readError);
 
         LogCapture capture;
         QVERIFY2(uinput.unplug(), qPrintable(uinput.errorString()));
-        device->readDevice();
+        // The kernel's release of A, in a frame it marks as its own, comes first when the
+        // reader reads it before the device is gone; either way the reads end with ENODEV.
+        taken = takeRecords(*device, 3);
+        if (!taken.records.empty()) {
+            QCOMPARE(describeKeyRecords(taken.records),
+                     describeKeyRecords({KeyRecord::release(KEY_A), KeyRecord::frameEnd(1)}));
+        }
+        QCOMPARE(taken.readError, ENODEV);
+        // Told and closed only once the owner has dealt with the records before the error.
+        QVERIFY2(capture.entries().isEmpty(), qPrintable(capture.messages().join('\n')));
+        device->reportReadError(taken.readError);
         const QString removed = "Device " + path + " has been removed.  Closing device.";
         const LogCapture::Entry* entry = capture.find(removed);
         QVERIFY2(entry, qPrintable(capture.messages().join('\n')));
         QCOMPARE(entry->level, Logger::LEVEL_INFO);
         QCOMPARE(entry->file, QString("EventDevice"));
         QCOMPARE(entry->function, QString("readDevice"));
+        QCOMPARE(capture.entries().size(), 1);
         QCOMPARE(device->getFd(), -1);
-        QCOMPARE(changes.count(), 1);
 
-        // Closed for good: reading again does and says nothing.
+        // Closed for good: taking again hands on and says nothing.
         capture.clear();
-        device->readDevice();
+        taken = device->takeRecords();
+        QVERIFY(taken.records.empty());
+        QCOMPARE(taken.readError, 0);
+        device->reportReadError(taken.readError);
         QVERIFY(capture.entries().isEmpty());
 
         delete device;

@@ -1,5 +1,0 @@
-#include "sequences/KeySequenceAction.h"
-
-KeySequenceAction::KeySequenceAction() = default;
-
-KeySequenceAction::~KeySequenceAction() = default;
