@@ -4,6 +4,7 @@
 #include "assignment/StationThread.h"
 #include "common/Logger.h"
 #include "common/Util.h"
+#include "input/EngineFeed.h"
 #include "input/EventDevice.h"
 #include "input/InputKeyCode.h"
 #include "input/LedBlinker.h"
@@ -261,16 +262,13 @@ void AssignmentHandler::updateDevices()
         removeUnassignedDevice(deviceFileName);
     }
     for (EventDevice* device : qAsConst(unassignedDevices)) {
-        const EventDevice::Records read = device->takeRecords();
-        for (const KeyEngine::Decision& decision : engine.feed(device->getId(), read.records)) {
+        const bool open = feedEngine(*device, engine, [&](const KeyEngine::Decision& decision) {
             if (decision.kind == KeyEngine::Decision::Kind::CLAIM) {
                 claim(device, decision.index);
             }
-        }
-        device->reportReadError(read.readError);
-        if (device->getFd() == -1) {
+        });
+        if (!open) {
             deleteLedBlinker(device);
-            engine.removeDevice(device->getId());
         }
     }
     EventDevice::deleteClosedEventDevices(unassignedDevices);

@@ -16,6 +16,9 @@
 // what follows from a device's records comes back as decisions, which the owner acts on after
 // the call.
 //
+// Each device handler owns one engine and calls it on the main thread only; the engine holds no
+// lock and starts no thread.
+//
 // Records count frame by frame: a frame's key records are examined once its end has come, so
 // that the kernel's mark on the end (a frame the kernel made up when the device went away)
 // is known for every record of the frame.

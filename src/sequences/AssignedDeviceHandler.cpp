@@ -2,6 +2,7 @@
 
 #include "common/Logger.h"
 #include "common/Util.h"
+#include "input/EngineFeed.h"
 #include "input/EventDevice.h"
 #include "sequences/KeySequence.h"
 
@@ -217,16 +218,13 @@ QHash<QString, QString> AssignedDeviceHandler::getDeviceVariables(QString device
 void AssignedDeviceHandler::update()
 {
     for (EventDevice* device : qAsConst(assignedDevices)) {
-        const EventDevice::Records read = device->takeRecords();
-        for (const KeyEngine::Decision& decision : engine.feed(device->getId(), read.records)) {
+        const bool open = feedEngine(*device, engine, [&](const KeyEngine::Decision& decision) {
             if (decision.kind == KeyEngine::Decision::Kind::RUN_COMMAND &&
                 decision.index < static_cast<std::size_t>(keySequences.size())) {
                 runCommand(device, keySequences.at(static_cast<qsizetype>(decision.index)));
             }
-        }
-        device->reportReadError(read.readError);
-        if (device->getFd() == -1) {
-            engine.removeDevice(device->getId());
+        });
+        if (!open) {
             deviceVariables.erase(device);
         }
     }
