@@ -49,12 +49,12 @@
 #include "XvfbServer.h"
 
 #include "assignment/DisplayConfiguration.h"
-#include "assignment/OverlayComposer.h"
-#include "assignment/OverlayContent.h"
-#include "assignment/StationDisplay.h"
 #include "common/PendingCallGroup.h"
 #include "common/RemoteObjectProxy.h"
 #include "daemon/DBusInterface.h"
+#include "overlay/OverlayComposer.h"
+#include "overlay/OverlayContent.h"
+#include "overlay/StationDisplay.h"
 
 #include <QCryptographicHash>
 #include <QGuiApplication>

@@ -68,11 +68,11 @@
 
 #include "Paths.h"
 #include "assignment/DisplayConfiguration.h"
-#include "assignment/OverlayComposer.h"
-#include "assignment/OverlayContent.h"
 #include "common/Logger.h"
 #include "daemon/Selvane.h"
 #include "input/InputKeyCode.h"
+#include "overlay/OverlayComposer.h"
+#include "overlay/OverlayContent.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>

@@ -4,7 +4,7 @@
 // reply, its size within the bound, and the chosen format gives row and
 // image sizes that the upload can use.
 
-#include "assignment/ServerSetupCheck.h"
+#include "overlay/ServerSetupCheck.h"
 
 #include <cstddef>
 #include <cstdint>

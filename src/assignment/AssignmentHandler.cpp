@@ -1,13 +1,13 @@
 #include "assignment/AssignmentHandler.h"
 
 #include "Paths.h"
-#include "assignment/StationThread.h"
 #include "common/Logger.h"
 #include "common/Util.h"
 #include "input/EngineFeed.h"
 #include "input/EventDevice.h"
 #include "input/InputKeyCode.h"
 #include "input/LedBlinker.h"
+#include "overlay/StationThread.h"
 
 #include <QFile>
 

@@ -1,7 +1,5 @@
 #include "assignment/DisplayConfiguration.h"
 
-#include "assignment/DisplaySocket.h"
-#include "assignment/StationThread.h"
 #include "common/Logger.h"
 #include "common/PendingCallGroup.h"
 #include "common/RemoteObjectProxy.h"
@@ -9,6 +7,8 @@
 #include "daemon/DBusInterface.h"
 #include "daemon/Selvane.h"
 #include "input/EventDevice.h"
+#include "overlay/DisplaySocket.h"
+#include "overlay/StationThread.h"
 #include "translation/TranslationLanguage.h"
 
 #include "Paths.h"

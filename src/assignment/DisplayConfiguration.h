@@ -1,7 +1,7 @@
 #pragma once
 
-#include "assignment/ConnectionAttempts.h"
-#include "assignment/OverlayContent.h"
+#include "overlay/ConnectionAttempts.h"
+#include "overlay/OverlayContent.h"
 
 #include <QObject>
 #include <QString>

@@ -4,9 +4,9 @@
 // goes on without one.
 #include "LogCapture.h"
 
-#include "assignment/ConnectionAttempts.h"
-#include "assignment/DisplaySocket.h"
-#include "assignment/StationThread.h"
+#include "overlay/ConnectionAttempts.h"
+#include "overlay/DisplaySocket.h"
+#include "overlay/StationThread.h"
 
 #include <QElapsedTimer>
 #include <QtTest>

@@ -16,7 +16,7 @@
 #include "XDisplayProbe.h"
 #include "XvfbServer.h"
 
-#include "assignment/StationDisplay.h"
+#include "overlay/StationDisplay.h"
 #include "translation/TranslationLanguage.h"
 
 #include <QPainter>

@@ -3,7 +3,7 @@
 // at and just over the size bound, and the row sizes of the upload at the
 // limits of their arithmetic.
 #include "XSetupReply.h"
-#include "assignment/ServerSetupCheck.h"
+#include "overlay/ServerSetupCheck.h"
 
 #include <QtTest>
 

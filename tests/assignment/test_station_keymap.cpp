@@ -12,7 +12,7 @@
 #include "XorgDummyServer.h"
 #include "XvfbServer.h"
 
-#include "assignment/StationDisplay.h"
+#include "overlay/StationDisplay.h"
 
 #include <QStandardPaths>
 #include <QtTest>

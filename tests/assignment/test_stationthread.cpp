@@ -8,7 +8,7 @@
 #include "XDisplayProbe.h"
 #include "XvfbServer.h"
 
-#include "assignment/StationThread.h"
+#include "overlay/StationThread.h"
 
 #include <QElapsedTimer>
 #include <QtTest>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "assignment/XcbHandles.h"
+#include "overlay/XcbHandles.h"
 
 #include <QByteArray>
 #include <QImage>

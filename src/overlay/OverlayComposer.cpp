@@ -1,4 +1,4 @@
-#include "assignment/OverlayComposer.h"
+#include "overlay/OverlayComposer.h"
 
 #include "common/Logger.h"
 #include "translation/TranslationLanguage.h"

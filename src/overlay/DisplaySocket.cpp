@@ -1,4 +1,4 @@
-#include "assignment/DisplaySocket.h"
+#include "overlay/DisplaySocket.h"
 
 #include <QByteArray>
 

@@ -1,4 +1,4 @@
-#include "assignment/ConnectionAttempts.h"
+#include "overlay/ConnectionAttempts.h"
 
 #include "common/Logger.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "assignment/OverlayContent.h"
+#include "overlay/OverlayContent.h"
 
 #include <QImage>
 #include <QString>

@@ -1,8 +1,8 @@
-#include "assignment/StationThread.h"
+#include "overlay/StationThread.h"
 
-#include "assignment/StationDisplay.h"
 #include "common/AlternateSignalStack.h"
 #include "common/Logger.h"
+#include "overlay/StationDisplay.h"
 
 #include <algorithm>
 #include <cerrno>

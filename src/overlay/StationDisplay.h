@@ -1,11 +1,11 @@
 #pragma once
 
-#include "assignment/OverlayComposer.h"
-#include "assignment/OverlayContent.h"
-#include "assignment/ServerSetupCheck.h"
-#include "assignment/StationKeymap.h"
-#include "assignment/XcbHandles.h"
 #include "common/OwnedFd.h"
+#include "overlay/OverlayComposer.h"
+#include "overlay/OverlayContent.h"
+#include "overlay/ServerSetupCheck.h"
+#include "overlay/StationKeymap.h"
+#include "overlay/XcbHandles.h"
 
 #include <QVector>
 

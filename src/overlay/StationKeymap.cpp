@@ -1,6 +1,6 @@
-#include "assignment/StationKeymap.h"
+#include "overlay/StationKeymap.h"
 
-#include "assignment/XcbHandles.h"
+#include "overlay/XcbHandles.h"
 
 #include <QByteArray>
 #include <QList>

@@ -1,4 +1,4 @@
-#include "assignment/ServerSetupCheck.h"
+#include "overlay/ServerSetupCheck.h"
 
 #include <cstring>
 #include <limits>

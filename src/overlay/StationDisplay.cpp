@@ -1,8 +1,8 @@
-#include "assignment/StationDisplay.h"
+#include "overlay/StationDisplay.h"
 
-#include "assignment/DisplaySocket.h"
 #include "common/Logger.h"
 #include "common/Util.h"
+#include "overlay/DisplaySocket.h"
 
 #include <QByteArray>
 #include <QDeadlineTimer>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "assignment/OverlayContent.h"
 #include "common/OwnedFd.h"
+#include "overlay/OverlayContent.h"
 
 #include <QObject>
 #include <QSocketNotifier>
