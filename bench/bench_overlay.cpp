@@ -1,20 +1,20 @@
 // Benchmark of the station overlay's keyboard picture (not a test: it prints figures).
 //
 // For each screen size (an Xvfb server of its own, 24 bits deep) it times one
-// redraw of a station's display, StationDisplay::show(): composing the picture
-// at the screen's size (OverlayComposer) and uploading it in bands, and its
-// parts. Each figure is the median of 20 runs after one warm-up run:
+// redraw of a station's display, StationDisplay::show(), and its parts. Each
+// figure is the median of 20 runs after one warm-up run:
 //
-//   first      show() when the scaled background is not cached yet: the PNG is
-//              read and scaled, the texts drawn, the picture uploaded
-//   count      show() of the same picture with other counts, the background
-//              cached: what a device plugged in costs each overlay
+//   first      show() of the keyboard step after the mouse step, so that no
+//              one holds the keyboard background any more: the PNG is read
+//              and scaled, the background uploaded whole, the texts put
+//   count      show() of the same picture with other counts: what a device
+//              plugged in costs each overlay; with the bytes of pixels it put
 //   D-Bus      the four calls of one picture sent together on the main thread
 //              (PendingCallGroup), until the last answer is in
-//   load       OverlayComposer::loadImage() of configure-keyboard.png, not cached
-//   text       compose() with the background cached: the copy of the cached
-//              picture that the texts are drawn on, and the texts
-//   upload     createXImage() and redrawWindow() of a freshly composed picture
+//   load       BackgroundLibrary::obtain() of configure-keyboard.png, held by
+//              no one: read, scaled and placed
+//   text       the composing part of a count change, the background held:
+//              compose(), the changed rectangles and their pixels (render())
 //
 // The daemon runs show() on the station's own thread, so the figure that
 // matters is that thread's processor time (CLOCK_THREAD_CPUTIME_ID). Each time
@@ -24,9 +24,8 @@
 // which also follows whatever else the machine is doing (the load average is
 // printed with the figures).
 //
-// The background cache is shared by the whole process and cannot be emptied
-// from outside; a "first" run is made cold by filling the cache with tiny
-// backgrounds beforehand (untimed), which pushes the screen-sized one out.
+// The backgrounds are shared by the whole process while someone holds them;
+// one that nobody holds is gone, so the next use reads and scales it again.
 //
 // The last column is the start of the MD5 sum of the visible screen once it
 // shows the whole picture: a change meant only to make the picture faster must
@@ -52,6 +51,7 @@
 #include "common/PendingCallGroup.h"
 #include "common/RemoteObjectProxy.h"
 #include "daemon/DBusInterface.h"
+#include "overlay/BackgroundLibrary.h"
 #include "overlay/OverlayComposer.h"
 #include "overlay/OverlayContent.h"
 #include "overlay/StationDisplay.h"
@@ -79,8 +79,6 @@ constexpr char stationLocation[] = "Room 12";
 constexpr char background[] = "configure-keyboard.png";
 // The background cache keeps this many pictures; filling it with as many
 // others pushes a screen-sized one out.
-constexpr int cacheEntries = 12;
-
 // Median times of one operation in milliseconds: on the clock, of processor
 // time of the thread that ran it, and of the whole process (all its threads;
 // the X server's work not included).
@@ -98,7 +96,8 @@ struct Figures
     Timing dbus;
     Timing load;
     Timing text;
-    Timing upload;
+    // Bytes of pixels put to the server by one count change.
+    uint64_t countBytes = 0;
     // The first bytes of the MD5 sum of the screen showing the whole picture.
     QByteArray screen;
 };
@@ -130,16 +129,6 @@ Timing measureRuns(
             BenchSupport::median(process)};
 }
 
-// Pushes every screen-sized background out of the process-wide cache.
-void evictBackgrounds()
-{
-    OverlayComposer filler;
-    for (int i = 0; i < cacheEntries; ++i) {
-        filler.loadImage(QString::fromLatin1(background), QString(), 8,
-                         static_cast<uint32_t>(8 + i));
-    }
-}
-
 OverlayContent keyboardContent(const TranslationLanguage* language, int available)
 {
     OverlayContent content;
@@ -152,6 +141,14 @@ OverlayContent keyboardContent(const TranslationLanguage* language, int availabl
     content.stationLocation = QString::fromLatin1(stationLocation);
     content.available = available;
     content.assigned = assignedKeyboards;
+    return content;
+}
+
+OverlayContent mouseContent(const TranslationLanguage* language)
+{
+    OverlayContent content = keyboardContent(language, 1);
+    content.step = OverlayContent::STEP_MOUSE;
+    content.assignmentKey = QStringLiteral("BTN_LEFT");
     return content;
 }
 
@@ -185,8 +182,14 @@ QByteArray screenChecksum(StationDisplay& display, const XDisplayProbe& probe,
     if (!display.show(content)) {
         return QByteArray();
     }
-    const QRect visible(QPoint(0, 0), display.getImage().size() - QSize(1, 1));
-    const QImage expected = display.getImage().copy(visible).convertToFormat(QImage::Format_RGB32);
+    const QSize size(static_cast<int>(display.getWidth()), static_cast<int>(display.getHeight()));
+    const std::optional<OverlayPicture> picture = OverlayComposer::compose(content, size);
+    if (!picture) {
+        return QByteArray();
+    }
+    const QRect visible(QPoint(0, 0), size - QSize(1, 1));
+    const QImage expected =
+        OverlayComposer::renderWhole(*picture).copy(visible).convertToFormat(QImage::Format_RGB32);
     QImage shot;
     const bool shown = DaemonRunner::waitUntil([&] {
         display.update();
@@ -246,31 +249,36 @@ bool measure(OverlayTestBed& bed, const QString& screen, Figures& figures)
     const auto showNext = [&] {
         shown = display.show(keyboardContent(language, nextAvailable())) && shown;
     };
-    figures.first = measureRuns(showNext, evictBackgrounds, settle);
+    const auto leaveTheKeyboardStep = [&] { display.show(mouseContent(language)); };
+    figures.first = measureRuns(showNext, leaveTheKeyboardStep, settle);
     const auto nothing = [] {};
     figures.count = measureRuns(showNext, nothing, settle);
+    display.takeBytesPut();
+    showNext();
+    figures.countBytes = display.takeBytesPut();
     figures.dbus = measureRuns([&] { callDatabase(bed.getDBus()); });
 
-    OverlayComposer composer;
-    const uint32_t width = display.getWidth();
-    const uint32_t height = display.getHeight();
-    figures.load = measureRuns(
-        [&] {
-            shown = composer.loadImage(QString::fromLatin1(background), QString(), width, height) &&
-                    shown;
-        },
-        evictBackgrounds);
-    figures.text = measureRuns([&] {
-        shown =
-            composer.compose(keyboardContent(language, nextAvailable()), width, height) && shown;
+    const QSize size(static_cast<int>(display.getWidth()), static_cast<int>(display.getHeight()));
+    figures.load = measureRuns([&] {
+        shown = BackgroundLibrary::shared().obtain(QString::fromLatin1(background), QString(),
+                                                   size) != nullptr &&
+                shown;
     });
-    // Each upload gets a freshly composed picture, as in show().
-    figures.upload = measureRuns(
-        [&] {
-            shown = display.createXImage() && shown;
-            display.redrawWindow();
-        },
-        [&] { display.show(keyboardContent(language, nextAvailable())); }, settle);
+    std::optional<OverlayPicture> before =
+        OverlayComposer::compose(keyboardContent(language, nextAvailable()), size);
+    shown = before.has_value() && shown;
+    figures.text = measureRuns([&] {
+        std::optional<OverlayPicture> after =
+            OverlayComposer::compose(keyboardContent(language, nextAvailable()), size);
+        if (!after || !before) {
+            shown = false;
+            return;
+        }
+        for (const QRect& area : OverlayTextLayout::changedAreas(before->texts, after->texts)) {
+            OverlayComposer::render(*after, area);
+        }
+        before = std::move(after);
+    });
     figures.screen = screenChecksum(display, probe, keyboardContent(language, unassignedKeyboards));
     if (!shown || figures.screen.isEmpty()) {
         std::fprintf(stderr, "the picture could not be made or shown on %s\n", qPrintable(screen));
@@ -318,8 +326,8 @@ int main(int argc, char* argv[])
                 "CPU of this process, station %d (key F%d), no badge; load average %s.\n\n",
                 runs, stationId, stationId + 1, BenchSupport::loadAverage().constData());
     std::printf("| screen | redraw, first composition | redraw, count change "
-                "| 4 D-Bus calls | load (not cached) | text (background cached) "
-                "| createXImage + redrawWindow | screen MD5 |\n");
+                "| bytes put, count change | 4 D-Bus calls | load (not held) "
+                "| composing a count change | screen MD5 |\n");
     std::printf("|---|---:|---:|---:|---:|---:|---:|---|\n");
     // The screens named after the options, or the three usual ones.
     QStringList screens;
@@ -336,11 +344,11 @@ int main(int argc, char* argv[])
             ok = false;
             continue;
         }
-        std::printf("| %s | %s | %s | %s | %s | %s | %s | %s |\n", qPrintable(screen),
+        std::printf("| %s | %s | %s | %llu | %s | %s | %s | %s |\n", qPrintable(screen),
                     cell(figures.first).constData(), cell(figures.count).constData(),
+                    static_cast<unsigned long long>(figures.countBytes),
                     cell(figures.dbus).constData(), cell(figures.load).constData(),
-                    cell(figures.text).constData(), cell(figures.upload).constData(),
-                    figures.screen.constData());
+                    cell(figures.text).constData(), figures.screen.constData());
         std::fflush(stdout);
     }
     return ok ? 0 : 1;

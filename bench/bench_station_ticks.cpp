@@ -704,7 +704,6 @@ int runScenario(TickApplication& app, const Scenario& scenario, const Options& o
     // drawing of the same picture to the next; a screen that differs from the
     // picture composed here by no more than that counts as right "up to text
     // edges", anything more as wrong.
-    OverlayComposer composer;
     const QRect visible(0, 0, screenWidth - 1, screenHeight - 1);
     std::vector<QImage> expected;
     for (int s = 0; s < scenario.stations; ++s) {
@@ -718,8 +717,12 @@ int runScenario(TickApplication& app, const Scenario& scenario, const Options& o
             content.available = unassignedKeyboards;
             content.assigned = assignedKeyboards;
         }
-        composer.compose(content, screenWidth, screenHeight);
-        expected.push_back(composer.getImage().copy(visible).convertToFormat(QImage::Format_RGB32));
+        const std::optional<OverlayPicture> picture =
+            OverlayComposer::compose(content, QSize(screenWidth, screenHeight));
+        expected.push_back(
+            picture ? OverlayComposer::renderWhole(*picture).copy(visible).convertToFormat(
+                          QImage::Format_RGB32)
+                    : QImage());
     }
     int exact = 0;
     int edges = 0;

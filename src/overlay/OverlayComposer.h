@@ -1,46 +1,46 @@
 #pragma once
 
+#include "overlay/BackgroundLibrary.h"
 #include "overlay/OverlayContent.h"
+#include "overlay/OverlayText.h"
 
 #include <QImage>
-#include <QString>
+#include <QRect>
+#include <QSize>
 
-#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
 
-class QPainter;
+// An overlay picture at a screen's size: the step's shared background and
+// the texts over it. The pixels are made only where they are needed
+// (OverlayComposer::render), so no station keeps a whole picture of its own.
+struct OverlayPicture
+{
+    std::shared_ptr<const ScaledBackground> background;
+    std::vector<OverlayText> texts;
 
-// Composes an overlay picture at a screen's size: the step's background with
-// the release badge stretched over it, scaled to the screen, and the station's
-// texts, counts and key labels drawn on it in the station's language.
+    QRect rect() const { return background->image.rect(); }
+};
+
+// Composes overlay pictures: the step's background with the release badge
+// over it (BackgroundLibrary), the artwork's placement on the screen, and the
+// station's texts, counts and key labels in the station's language.
 //
-// Owned by a StationDisplay and called only on its station's thread; any
-// number of composers may run at once, one per station thread. The
-// scaled backgrounds are kept, one per file, badge and screen size, and shared
-// by every station of that size, so a count change only draws the texts anew.
+// Called on the station threads, any number at once; drawing takes one of
+// the daemon's composition slots (CompositionSlots).
 class OverlayComposer
 {
 public:
-    // Loads `fileName` with `badgeFile` over it (none when empty) at
-    // width x height into getImage(); false, logged, when the background
-    // cannot be read: the previous picture is kept then.
-    bool loadImage(const QString& fileName, const QString& badgeFile, uint32_t width,
-                   uint32_t height);
-    // The whole picture of `content`; false when its background cannot be read.
-    bool compose(const OverlayContent& content, uint32_t width, uint32_t height);
-
-    const QImage& getImage() const { return image; }
-    QImage& getImage() { return image; }
-    double getScaleX() const { return scaleX; }
-    double getScaleY() const { return scaleY; }
-
-private:
-    // The station's number, name and location, on both steps' pictures.
-    void renderStationTexts(QPainter& painter, const OverlayContent& content) const;
-    void renderKeyboardTexts(QPainter& painter, const OverlayContent& content) const;
-    void renderMouseTexts(QPainter& painter, const OverlayContent& content) const;
-    void renderLabelOnKey(QPainter& painter, const OverlayContent& content) const;
-
-    QImage image;
-    double scaleX = 1.0;
-    double scaleY = 1.0;
+    // The picture of `content` at `screen`'s size; none, logged, when its
+    // background cannot be read.
+    static std::optional<OverlayPicture> compose(const OverlayContent& content, QSize screen);
+    // The pixels of `area` of the picture: its background with every text
+    // drawn over it, premultiplied ARGB. Pixel for pixel what the whole
+    // picture has there.
+    static QImage render(const OverlayPicture& picture, const QRect& area);
+    static QImage renderWhole(const OverlayPicture& picture)
+    {
+        return render(picture, picture.rect());
+    }
 };

@@ -1,8 +1,10 @@
 #pragma once
 
 #include "common/OwnedFd.h"
-#include "overlay/OverlayComposer.h"
 #include "overlay/OverlayContent.h"
+#include "overlay/OverlayText.h"
+#include "overlay/OverlayWindow.h"
+#include "overlay/ServerPicture.h"
 #include "overlay/ServerSetupCheck.h"
 #include "overlay/StationKeymap.h"
 #include "overlay/XcbHandles.h"
@@ -13,15 +15,14 @@
 
 #include <cstdint>
 #include <optional>
-
-class QDeadlineTimer;
+#include <vector>
 
 // One station's X side: the connection to display :displayId, the full-screen
-// overlay window with its properties and invisible cursor, the picture
-// composed at the screen's size and uploaded in bands, and the server's
-// events (map, visibility, expose, RandR size changes, keyboard map changes).
-// It reconnects when the server was lost. The key to press is labelled as the
-// server's keyboard map has it (StationKeymap), and drawn anew when a new map
+// overlay window (OverlayWindow), the picture composed at the screen's size
+// and kept on the server (ServerPicture: the background once per step and
+// size, then only the texts that changed), and the server's events (map, visibility, expose, RandR
+// size changes, keyboard map changes). It reconnects when the server was lost. The key to press is
+// labelled as the server's keyboard map has it (StationKeymap), and drawn anew when a new map
 // changes that label.
 //
 // Owned by StationThread::run(), a local of the station's thread: every
@@ -63,10 +64,8 @@ public:
     bool isOpen() const { return static_cast<bool>(connection); }
     uint32_t getWidth() const { return width; }
     uint32_t getHeight() const { return height; }
-    // The last composed picture and its scale from the background's pixel space.
-    const QImage& getImage() const { return composer.getImage(); }
-    double getScaleX() const { return composer.getScaleX(); }
-    double getScaleY() const { return composer.getScaleY(); }
+    // Bytes of pixels sent to the server since the last call.
+    uint64_t takeBytesPut() { return serverPicture.takeBytesPut(); }
     // The layout of the server's keyboard map, as its rules name it; empty
     // when the map could not be read.
     QString getKeyboardLayout() const { return keymap.getLayoutName(); }
@@ -78,24 +77,15 @@ public:
     // One periodic step: opens the display when needed, notices a lost
     // server, raises the window and handles the pending X events.
     void update();
-    // Composes `content` and shows it; false when there is no connection, no
-    // screen, no background or the upload could not be made.
+    // Composes `content` and shows it: the whole background when the step or
+    // the size changed, otherwise only the texts that differ from the picture
+    // shown. False when there is no connection, no screen, no background or
+    // the upload could not be made.
     bool show(const OverlayContent& content);
-    // Loads a background at the window's size (no badge), as show() does.
-    bool loadImage(const QString& fileName);
 
     bool openDisplay();
     void closeDisplay();
-    // The atom asked for with `cookie`, read before the deadline; 0 without a reply.
-    xcb_atom_t getAtom(const char* name, xcb_intern_atom_cookie_t cookie,
-                       const QDeadlineTimer& deadline);
-    void hideBorder(xcb_intern_atom_cookie_t motifWmHintsCookie, const QDeadlineTimer& deadline);
-    void hideCursor();
-    void raiseWindow();
     void setWmStateBeforeMapping(QVector<unsigned int> atoms);
-    void setWmStateAfterMapping(unsigned int atom);
-    bool createXImage();
-    void redrawWindow();
 
 private:
     // Checks the server's setup (ServerSetupCheck) and takes its first screen;
@@ -105,7 +95,7 @@ private:
     // The Warning that says why `verdict` refuses the display; nothing for a usable one.
     void logRefusal() const;
     void selectScreenChanges();
-    // Creates, dresses and maps the overlay window on the accepted screen.
+    // Creates the overlay window on the accepted screen and reads its keyboard map.
     void createWindow();
     // A screen refused after a RandR change shows nothing until the next change.
     void hideWindow();
@@ -113,7 +103,6 @@ private:
     void loadKeymap();
     // Logs a label that differs from the US one, once per keyboard step.
     void logKeyLabel(const OverlayContent& content);
-    void requestWmStates();
     // Forgets the server's resources without a request: the server is gone.
     void dropDisplay();
     void releaseConnection();
@@ -124,21 +113,17 @@ private:
     XcbConnection connection;
     // The first screen's record in the connection's setup, once checked.
     const xcb_screen_t* screen = nullptr;
-    xcb_window_t window = 0;
+    OverlayWindow window;
     uint32_t width = 0;
     uint32_t height = 0;
-    xcb_atom_t wmStateAtom = 0;
-    xcb_atom_t wmStateAboveAtom = 0;
-    xcb_atom_t wmStateStaysOnTopAtom = 0;
-    OverlayComposer composer;
+    ServerPicture serverPicture;
     StationKeymap keymap;
     bool keymapChanged = false;
-    // The content of the picture on the screen, with its key label.
+    // The content of the picture on the screen, with its key label, and its texts.
     OverlayContent shownContent;
+    std::vector<OverlayText> shownTexts;
     // The key, label and layout last logged in this keyboard step.
     QString loggedKeyLabel;
-    xcb_pixmap_t pixmap = 0;
-    xcb_gcontext_t gc = 0;
     uint8_t randrEventBase = 0;
     // The check of the connection's setup, which it reads from xcb's copy.
     std::optional<ServerSetupCheck> setupCheck;

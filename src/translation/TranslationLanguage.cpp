@@ -4,9 +4,6 @@
 #include "translation/TranslationString.h"
 #include "translation/TranslationText.h"
 
-#include <QFont>
-#include <QPainter>
-#include <QPointF>
 #include <QRegularExpression>
 
 #include <utility>
@@ -15,7 +12,6 @@ using Orvanta::Logger;
 
 namespace {
 constexpr char logSource[] = "TranslationLanguage";
-constexpr char fontFamily[] = "DejaVu Sans";
 
 // QString::arg replaces the lowest-numbered marker and warns on stderr when
 // there is none; a line without a marker is drawn unchanged, so it is not
@@ -26,11 +22,6 @@ bool hasPlaceMarker(const QString& text)
     return text.contains(marker);
 }
 
-// Positions are truncated toward zero after scaling, as whole pixels.
-qreal scaled(int position, double scale)
-{
-    return static_cast<qreal>(static_cast<int>(position * scale));
-}
 } // namespace
 
 TranslationLanguage::TranslationLanguage(QString languageId) : id(std::move(languageId)) {}
@@ -66,44 +57,41 @@ void TranslationLanguage::addString(TranslationString* string)
 }
 
 template <typename Substitute>
-void TranslationLanguage::drawLines(QPainter& painter, double xScale, double yScale,
-                                    const QString& stringId, Substitute substitute) const
+std::vector<TranslationText> TranslationLanguage::substitutedLines(const QString& stringId,
+                                                                   Substitute substitute) const
 {
     const TranslationString* string = getString(stringId);
     // Written on every call, found or not: the overlay's log has always shown
     // each string it draws this way.
     Logger::write(Logger::LEVEL_BUG, QString::fromLatin1(logSource), QStringLiteral("renderString"),
                   __LINE__, "Cannot find string '" + stringId + "' for language '" + id + "'");
+    std::vector<TranslationText> lines;
     if (!string) {
-        return;
+        return lines;
     }
-    painter.setPen(Qt::black);
     for (int index = 0; index < string->getNumText(); ++index) {
         const TranslationText* line = string->getText(index);
-        painter.setFont(QFont(QString::fromLatin1(fontFamily), line->getFontSize()));
-        painter.drawText(QPointF(scaled(line->getPosX(), xScale), scaled(line->getPosY(), yScale)),
-                         substitute(line->getText()));
+        lines.emplace_back(line->getFontSize(), line->getPosX(), line->getPosY(),
+                           substitute(line->getText()));
     }
+    return lines;
 }
 
-void TranslationLanguage::renderString(QPainter& painter, double xScale, double yScale,
-                                       QString stringId) const
+std::vector<TranslationText> TranslationLanguage::linesOf(QString stringId) const
 {
-    drawLines(painter, xScale, yScale, stringId, [](const QString& text) { return text; });
+    return substitutedLines(stringId, [](const QString& text) { return text; });
 }
 
-void TranslationLanguage::renderString(QPainter& painter, double xScale, double yScale,
-                                       QString stringId, int argument) const
+std::vector<TranslationText> TranslationLanguage::linesOf(QString stringId, int argument) const
 {
-    drawLines(painter, xScale, yScale, stringId, [argument](const QString& text) {
+    return substitutedLines(stringId, [argument](const QString& text) {
         return hasPlaceMarker(text) ? text.arg(argument) : text;
     });
 }
 
-void TranslationLanguage::renderString(QPainter& painter, double xScale, double yScale,
-                                       QString stringId, QString argument) const
+std::vector<TranslationText> TranslationLanguage::linesOf(QString stringId, QString argument) const
 {
-    drawLines(painter, xScale, yScale, stringId, [&argument](const QString& text) {
+    return substitutedLines(stringId, [&argument](const QString& text) {
         return hasPlaceMarker(text) ? text.arg(argument) : text;
     });
 }

@@ -4,12 +4,15 @@
 #include <QString>
 #include <QStringList>
 
-class QPainter;
+#include "translation/TranslationText.h"
+
+#include <vector>
+
 class TranslationString;
 
 // The overlay's strings in one language, by string id. It owns its strings
-// and draws them: every line of a string in black "DejaVu Sans" at the line's
-// own point size, at its position times the caller's scale factors.
+// and hands out their lines as values, with the arguments put in; the overlay
+// places and draws them.
 class TranslationLanguage
 {
 public:
@@ -28,19 +31,17 @@ public:
     // refused (logged) and stays with the caller.
     void addString(TranslationString* string);
 
-    // Draws every line of the string; the int and QString forms put their
-    // argument into each line's "%1". The painter keeps the pen and the font
-    // of the last line.
-    void renderString(QPainter& painter, double xScale, double yScale, QString stringId) const;
-    void renderString(QPainter& painter, double xScale, double yScale, QString stringId,
-                      int argument) const;
-    void renderString(QPainter& painter, double xScale, double yScale, QString stringId,
-                      QString argument) const;
+    // The lines of the string, in order, none when it is missing; the int and
+    // QString forms put their argument into each line's "%1". Every call is
+    // logged, found or not.
+    std::vector<TranslationText> linesOf(QString stringId) const;
+    std::vector<TranslationText> linesOf(QString stringId, int argument) const;
+    std::vector<TranslationText> linesOf(QString stringId, QString argument) const;
 
 private:
     template <typename Substitute>
-    void drawLines(QPainter& painter, double xScale, double yScale, const QString& stringId,
-                   Substitute substitute) const;
+    std::vector<TranslationText> substitutedLines(const QString& stringId,
+                                                  Substitute substitute) const;
 
     QString id;
     QHash<QString, TranslationString*> strings;

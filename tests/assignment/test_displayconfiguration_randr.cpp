@@ -12,6 +12,8 @@
 #include "XDisplayProbe.h"
 #include "XorgDummyServer.h"
 
+#include "overlay/ArtworkPlacement.h"
+
 #include <xcb/randr.h>
 
 #include <QPainter>
@@ -56,16 +58,18 @@ QRgb pixelAt(const XDisplayProbe& probe, QPoint point)
 }
 
 // Whether the screen shows the picture composed for a screen of this size:
-// the colours on either side of both boundaries where the scaling puts them,
-// and the screen's last pixel.
+// the colours on either side of both boundaries where the scaling (one
+// factor, centred) puts them, and the screen's last pixel.
 bool showsPictureFor(const XDisplayProbe& probe, QSize screen)
 {
-    const int boundaryX = qRound(greenFromX * screen.width() / double(pictureWidth));
-    const int boundaryY = qRound(redFromY * screen.height() / double(pictureHeight));
-    return pixelAt(probe, QPoint(boundaryX - margin, 20)) == blue &&
-           pixelAt(probe, QPoint(boundaryX + margin, 20)) == green &&
-           pixelAt(probe, QPoint(20, boundaryY - margin)) == blue &&
-           pixelAt(probe, QPoint(20, boundaryY + margin)) == red &&
+    const ArtworkPlacement placement =
+        ArtworkPlacement::fit(QSize(pictureWidth, pictureHeight), screen);
+    const QPoint boundary = placement.rounded(greenFromX, redFromY);
+    const QPoint inside = placement.getArea().topLeft() + QPoint(20, 20);
+    return pixelAt(probe, QPoint(boundary.x() - margin, inside.y())) == blue &&
+           pixelAt(probe, QPoint(boundary.x() + margin, inside.y())) == green &&
+           pixelAt(probe, QPoint(inside.x(), boundary.y() - margin)) == blue &&
+           pixelAt(probe, QPoint(inside.x(), boundary.y() + margin)) == red &&
            pixelAt(probe, QPoint(screen.width() - 1, screen.height() - 1)) == red;
 }
 

@@ -16,6 +16,7 @@
 #include "XDisplayProbe.h"
 #include "XvfbServer.h"
 
+#include "overlay/BackgroundLibrary.h"
 #include "overlay/StationDisplay.h"
 #include "translation/TranslationLanguage.h"
 
@@ -123,7 +124,7 @@ private Q_SLOTS:
     void badgeIsStretchedOverThePicture();
     void missingBadgeIsLoggedAndLeftOut();
     void missingBackgroundKeepsThePreviousPicture();
-    void scaleFactorsFollowThePictureSize();
+    void backgroundsKeepTheArtworksShape();
     void screenChangeToTheSameSizeDoesNothingAndANewSizeRedraws();
     void lostServerIsLoggedOnceAndTheOverlayComesBack();
     void largerScreenShowsEverythingAtTheScaledPositions();
@@ -269,7 +270,7 @@ void DisplayConfigurationX11Test::closingANeverOpenedDisplayDoesNothing()
     station.closeDisplay();
     station.closeDisplay();
     QCOMPARE(bed->getLog().messages(), QStringList());
-    QVERIFY(!station.createXImage());
+    QVERIFY(!station.show(OverlayContent()));
 }
 
 void DisplayConfigurationX11Test::windowIsDressedAndOnTop()
@@ -605,26 +606,30 @@ void DisplayConfigurationX11Test::missingBackgroundKeepsThePreviousPicture()
     QCOMPARE(probe->screenshot(QRect(199, 199, 1, 1)).pixel(0, 0), yellow);
 }
 
-void DisplayConfigurationX11Test::scaleFactorsFollowThePictureSize()
+void DisplayConfigurationX11Test::backgroundsKeepTheArtworksShape()
 {
-    StationDisplay display(server->getDisplayNumber());
-    QVERIFY(display.openDisplay());
-    QVERIFY(display.loadImage("configure-keyboard.png"));
-    QCOMPARE(display.getScaleX(), 1.0);
-    QCOMPARE(display.getScaleY(), 1.0);
-    QCOMPARE(display.getImage().size(), QSize(1024, 768));
-    QCOMPARE(display.getImage().dotsPerMeterX(), 2835);
-    QCOMPARE(display.getImage().dotsPerMeterY(), 2835);
+    const QSize screen(1024, 768);
+    BackgroundLibrary& library = BackgroundLibrary::shared();
+    const auto full = library.obtain("configure-keyboard.png", QString(), screen);
+    QVERIFY(full);
+    QCOMPARE(full->placement.getScale(), 1.0);
+    QCOMPARE(full->placement.getArea(), QRect(QPoint(0, 0), screen));
+    QCOMPARE(full->image.size(), screen);
+    QCOMPARE(full->image.dotsPerMeterX(), 2835);
+    QCOMPARE(full->image.dotsPerMeterY(), 2835);
 
-    QVERIFY(display.loadImage("half.png"));
-    QCOMPARE(display.getScaleX(), 2.0);
-    QCOMPARE(display.getScaleY(), 1.0);
-    QCOMPARE(display.getImage().size(), QSize(1024, 768));
-    QCOMPARE(display.getImage().dotsPerMeterX(), 5670);
-    QCOMPARE(display.getImage().dotsPerMeterY(), 2835);
+    // Half as wide as the screen: the same factor both ways, centred, and the
+    // fonts keep their size.
+    const auto half = library.obtain("half.png", QString(), screen);
+    QVERIFY(half);
+    QCOMPARE(half->placement.getScale(), 1.0);
+    QCOMPARE(half->placement.getArea(), QRect(256, 0, 512, 768));
+    QCOMPARE(half->image.size(), screen);
+    QCOMPARE(half->image.dotsPerMeterX(), 2835);
+    QCOMPARE(half->image.dotsPerMeterY(), 2835);
 
     bed->getLog().clear();
-    QVERIFY(!display.loadImage("absent.png"));
+    QVERIFY(!library.obtain("absent.png", QString(), screen));
     QCOMPARE(bed->getLog().messages(), QStringList{"Could not load image 'absent.png'"});
 }
 
@@ -704,18 +709,21 @@ void DisplayConfigurationX11Test::largerScreenShowsEverythingAtTheScaledPosition
     display->configureKeyboard();
     QVERIFY(updateUntilShown(*display, largerProbe, QPoint(1279, 1023), red));
     const QImage shot = largerProbe.screenshot(QRect(0, 0, 1280, 1024));
-    // Red from row 576 of the picture on: row 768 of the screen.
-    QCOMPARE(shot.pixel(10, 760), blue);
-    QCOMPARE(shot.pixel(10, 776), red);
+    // The picture keeps its shape: scaled by 1.25 both ways, 32 rows of
+    // margin above and below. Red from row 576 of the picture on: row 752 of
+    // the screen; the margins repeat the picture's first and last rows.
+    QCOMPARE(shot.pixel(10, 744), blue);
+    QCOMPARE(shot.pixel(10, 760), red);
+    QCOMPARE(shot.pixel(10, 1010), red);
     // The labels F4, F5, F6 start at x 648, 744 and 840 on the baseline at y 520.
     QVERIFY(XDisplayProbe::whitePixels(shot, QRect(644, 478, 92, 46)) > 20);
     QVERIFY(XDisplayProbe::whitePixels(shot, QRect(740, 478, 92, 46)) > 20);
     QVERIFY(XDisplayProbe::whitePixels(shot, QRect(836, 478, 100, 46)) > 20);
     QCOMPARE(XDisplayProbe::whitePixels(shot, QRect(940, 450, 330, 100)), 0);
     QCOMPARE(XDisplayProbe::whitePixels(shot, QRect(300, 450, 340, 100)), 0);
-    // The texts on their scaled lines (baseline 60 of the picture is 80 here).
+    // The texts on their scaled lines (baseline 60 of the picture is 107 here).
     for (const int baseline : {60, 100, 140, 200, 240, 480, 520}) {
-        const int y = qRound(baseline * 1024.0 / 768.0);
+        const int y = 32 + static_cast<int>(baseline * 1.25);
         QVERIFY2(darkPixels(shot, QRect(50, y - 22, 250, 24)) > 20,
                  qPrintable(QString("no text on the line at %1").arg(y)));
     }

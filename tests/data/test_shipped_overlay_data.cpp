@@ -1,4 +1,5 @@
 #include "LogCapture.h"
+#include "overlay/OverlayText.h"
 #include "translation/TranslationLanguage.h"
 #include "translation/TranslationParser.h"
 #include "translation/TranslationString.h"
@@ -457,7 +458,7 @@ void TestShippedOverlayData::drawnTextStaysInItsAreas_data()
     linesDoNotOverlap_data();
 }
 
-// Draws the picture's strings the way the overlay does, with the real renderString, on a
+// Draws the picture's strings the way the overlay does, with its own text layout, on a
 // transparent picture: every pixel touched lies inside an area of that picture.
 void TestShippedOverlayData::drawnTextStaysInItsAreas()
 {
@@ -468,13 +469,16 @@ void TestShippedOverlayData::drawnTextStaysInItsAreas()
     {
         QPainter painter(&drawn);
         const TranslationLanguage* translation = languages.value(language);
+        const ArtworkPlacement unscaled = ArtworkPlacement::fit(drawn.size(), drawn.size());
         for (const QString& id : idsOn(picture)) {
             const QString argument = widestArguments.value(id);
-            if (argument.isNull()) {
-                translation->renderString(painter, 1.0, 1.0, id);
-            } else {
-                translation->renderString(painter, 1.0, 1.0, id, argument);
+            std::vector<OverlayText> texts;
+            for (const TranslationText& line : argument.isNull()
+                                                   ? translation->linesOf(id)
+                                                   : translation->linesOf(id, argument)) {
+                texts.push_back(OverlayTextLayout::fromTranslation(line, unscaled, drawn));
             }
+            OverlayTextLayout::draw(painter, texts);
         }
     }
     int inked = 0;
