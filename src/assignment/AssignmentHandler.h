@@ -1,6 +1,7 @@
 #pragma once
 
 #include "assignment/DisplayConfiguration.h"
+#include "assignment/PlatformServices.h"
 #include "keys/KeyEngine.h"
 
 #include <QList>
@@ -12,7 +13,6 @@
 
 class EventDevice;
 class LedBlinker;
-class PlatformServices;
 
 // Everything about input devices that belong to no station yet: the opened
 // unassigned keyboards and mice, each with its LEDs blinking, one overlay
