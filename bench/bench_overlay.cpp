@@ -48,9 +48,9 @@
 #include "XvfbServer.h"
 
 #include "assignment/DisplayConfiguration.h"
+#include "assignment/PlatformServices.h"
 #include "common/PendingCallGroup.h"
 #include "common/RemoteObjectProxy.h"
-#include "daemon/DBusInterface.h"
 #include "overlay/BackgroundLibrary.h"
 #include "overlay/OverlayComposer.h"
 #include "overlay/OverlayContent.h"
@@ -154,14 +154,13 @@ OverlayContent mouseContent(const TranslationLanguage* language)
 
 // The four calls of one keyboard picture, sent together as the display
 // configuration sends them, answered through the event loop.
-void callDatabase(DBusInterface& dbus)
+void callDatabase(PlatformServices& platform)
 {
     Orvanta::PendingCallGroup calls(Orvanta::RemoteObjectProxy::callTimeoutMs);
-    QDBusAbstractInterface& database = *dbus.getDatabaseInterface();
-    calls.send(database, QStringLiteral("DeviceGetNumberOfAssignedKeyboards"));
-    calls.send(database, QStringLiteral("DeviceGetNumberOfUnassignedKeyboards"));
-    calls.send(database, QStringLiteral("StationGetTag"), {QStringLiteral("name")});
-    calls.send(database, QStringLiteral("StationGetTag"), {QStringLiteral("location")});
+    platform.askAssignedCount(calls, PlatformServices::DeviceKind::KEYBOARD);
+    platform.askUnassignedCount(calls, PlatformServices::DeviceKind::KEYBOARD);
+    platform.askStationTag(calls, QStringLiteral("name"));
+    platform.askStationTag(calls, QStringLiteral("location"));
     bool done = calls.start();
     QObject::connect(&calls, &Orvanta::PendingCallGroup::done, [&] { done = true; });
     while (!done) {
@@ -256,7 +255,7 @@ bool measure(OverlayTestBed& bed, const QString& screen, Figures& figures)
     display.takeBytesPut();
     showNext();
     figures.countBytes = display.takeBytesPut();
-    figures.dbus = measureRuns([&] { callDatabase(bed.getDBus()); });
+    figures.dbus = measureRuns([&] { callDatabase(bed.getPlatform()); });
 
     const QSize size(static_cast<int>(display.getWidth()), static_cast<int>(display.getHeight()));
     figures.load = measureRuns([&] {

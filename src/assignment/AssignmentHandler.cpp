@@ -29,8 +29,8 @@ const char* const assignmentKeyNames[] = {
 const QString mouseButtonName = QStringLiteral("BTN_LEFT");
 } // namespace
 
-AssignmentHandler::AssignmentHandler(DBusInterface& dbus, const Selvane& centralObject)
-    : dbusInterface(dbus), central(centralObject)
+AssignmentHandler::AssignmentHandler(PlatformServices& platformServices)
+    : platform(platformServices)
 {
     readVersionFile();
     std::vector<KeyEngine::Combination> keys;
@@ -47,7 +47,7 @@ AssignmentHandler::~AssignmentHandler()
 {
     qDeleteAll(displayConfigurations);
     // A station thread that was still composing when it was stopped uses the
-    // central object's languages until it ends.
+    // platform's languages until it ends.
     StationThread::joinAbandoned(true);
     // A blinker gives its keyboard the LEDs back, so it goes before the device.
     qDeleteAll(ledBlinkers);
@@ -115,8 +115,7 @@ void AssignmentHandler::removeUnassignedDevice(QString deviceFileName)
     recreateImages();
 }
 
-DisplayConfiguration* AssignmentHandler::getDisplayConfiguration(DBusInterface& dbus, int displayId,
-                                                                 int stationId)
+DisplayConfiguration* AssignmentHandler::getDisplayConfiguration(int displayId, int stationId)
 {
     for (DisplayConfiguration* display : qAsConst(displayConfigurations)) {
         if (display->getDisplayId() == displayId) {
@@ -130,7 +129,7 @@ DisplayConfiguration* AssignmentHandler::getDisplayConfiguration(DBusInterface& 
                     displayId, maxDisplayConfigurations);
         return nullptr;
     }
-    auto* display = new DisplayConfiguration(dbus, central, overlayImage, displayId, stationId);
+    auto* display = new DisplayConfiguration(platform, overlayImage, displayId, stationId);
     display->openDisplay();
     connect(display, &DisplayConfiguration::keyboardAssigned, this,
             &AssignmentHandler::keyboardAssigned);
@@ -165,7 +164,7 @@ void AssignmentHandler::unbindAssignmentKey(std::size_t index)
 
 void AssignmentHandler::configureKeyboard(int displayId, int stationId)
 {
-    DisplayConfiguration* display = getDisplayConfiguration(dbusInterface, displayId, stationId);
+    DisplayConfiguration* display = getDisplayConfiguration(displayId, stationId);
     if (!display) {
         return;
     }
@@ -177,7 +176,7 @@ void AssignmentHandler::configureKeyboard(int displayId, int stationId)
 // a click; the others show the please-wait picture until it is handed on.
 void AssignmentHandler::configureMouse(int displayId, int stationId)
 {
-    DisplayConfiguration* display = getDisplayConfiguration(dbusInterface, displayId, stationId);
+    DisplayConfiguration* display = getDisplayConfiguration(displayId, stationId);
     if (!display) {
         return;
     }

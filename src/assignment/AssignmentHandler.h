@@ -1,6 +1,7 @@
 #pragma once
 
 #include "assignment/DisplayConfiguration.h"
+#include "assignment/PlatformServices.h"
 #include "keys/KeyEngine.h"
 
 #include <QList>
@@ -10,10 +11,8 @@
 
 #include <optional>
 
-class DBusInterface;
 class EventDevice;
 class LedBlinker;
-class Selvane;
 
 // Everything about input devices that belong to no station yet: the opened
 // unassigned keyboards and mice, each with its LEDs blinking, one overlay
@@ -33,7 +32,7 @@ class AssignmentHandler : public QObject
     Q_OBJECT
 
 public:
-    AssignmentHandler(DBusInterface& dbusInterface, const Selvane& central);
+    explicit AssignmentHandler(PlatformServices& platform);
     ~AssignmentHandler() override;
 
     AssignmentHandler(const AssignmentHandler&) = delete;
@@ -59,8 +58,7 @@ public:
     // The configuration of that display, made and opened on first use; an
     // existing one is returned even when it was made for another station.
     // Null (logged) when maxDisplayConfigurations exist already.
-    DisplayConfiguration* getDisplayConfiguration(DBusInterface& dbus, int displayId,
-                                                  int stationId);
+    DisplayConfiguration* getDisplayConfiguration(int displayId, int stationId);
     bool deleteLedBlinker(const EventDevice* eventDevice);
     // The display that waits for the named assignment key, or null.
     DisplayConfiguration* displayWaitingFor(QString keyName) const;
@@ -102,8 +100,7 @@ private:
     void handOnMouseStep();
     void recreateImages();
 
-    DBusInterface& dbusInterface;
-    const Selvane& central;
+    PlatformServices& platform;
     DisplayConfiguration::OverlayImage overlayImage = DisplayConfiguration::OVERLAY_IMAGE_NONE;
     QVector<DisplayConfiguration*> displayConfigurations;
     QVector<EventDevice*> unassignedDevices;

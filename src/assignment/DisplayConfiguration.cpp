@@ -4,8 +4,6 @@
 #include "common/PendingCallGroup.h"
 #include "common/RemoteObjectProxy.h"
 #include "common/Util.h"
-#include "daemon/DBusInterface.h"
-#include "daemon/Selvane.h"
 #include "input/EventDevice.h"
 #include "overlay/DisplaySocket.h"
 #include "overlay/StationThread.h"
@@ -66,17 +64,16 @@ bool stepOf(DisplayConfiguration::State state, OverlayContent::Step& step)
 }
 } // namespace
 
-DisplayConfiguration::DisplayConfiguration(DBusInterface& dbusInterface, const Selvane& central,
-                                           OverlayImage overlay, int display, int stationNumber)
-    : QObject(nullptr), overlayImage(overlay), dbus(dbusInterface), centralObject(central),
-      displayId(display), stationId(stationNumber), connectionAttempts(display)
+DisplayConfiguration::DisplayConfiguration(PlatformServices& platformServices, OverlayImage overlay,
+                                           int display, int stationNumber)
+    : QObject(nullptr), overlayImage(overlay), platform(platformServices), displayId(display),
+      stationId(stationNumber), connectionAttempts(display)
 {
     SELVANE_LOG(LEVEL_INFO,
                 "Creating display configuration on display :" + QString::number(displayId) +
                     " on station " + QString::number(stationId) + ".");
     localeCall = new Orvanta::PendingCallGroup(Orvanta::RemoteObjectProxy::callTimeoutMs, this);
-    const int locale = localeCall->send(*dbus.getSessionControllerInterface(),
-                                        QStringLiteral("GetLocaleForUserOnDisplay"), {displayId});
+    const int locale = platform.askLocale(*localeCall, displayId);
     connect(localeCall, &Orvanta::PendingCallGroup::done, this,
             [this, locale] { localeAnswered(localeCall->stringAnswer(locale)); });
     localeCall->start();
@@ -95,7 +92,7 @@ void DisplayConfiguration::localeAnswered(const QString& locale)
     // Called from the call's own signal: it goes once that has returned.
     localeCall->deleteLater();
     localeCall = nullptr;
-    determineLanguage(centralObject, locale);
+    determineLanguage(locale);
     languageDetermined = true;
     // The station's lines (connecting, pictures) follow the language's.
     if (openRequested) {
@@ -159,9 +156,9 @@ bool DisplayConfiguration::assignmentKeyPressed(const EventDevice* device)
     }
     const bool keyboard = state == STATE_CONFIGURING_KEYBOARD;
     // The platform's answer is never needed: the state moves on regardless.
-    dbus.getAssignmentInterface()->call(
-        QDBus::NoBlock, QStringLiteral("DeviceAssignedAuto"), device->getDeviceFileName(),
-        displayId, keyboard ? QStringLiteral("KeyboardDevice") : QStringLiteral("MouseDevice"));
+    platform.reportClaim(device->getDeviceFileName(), displayId,
+                         keyboard ? PlatformServices::DeviceKind::KEYBOARD
+                                  : PlatformServices::DeviceKind::MOUSE);
     // Changed before the signal, so that its receivers see the new state.
     state = keyboard ? STATE_KEYBOARD_CONFIGURED : STATE_MOUSE_CONFIGURED;
     if (keyboard) {
@@ -316,23 +313,16 @@ void DisplayConfiguration::requestPicture()
 
     dropValueCalls();
     valueCalls = new Orvanta::PendingCallGroup(Orvanta::RemoteObjectProxy::callTimeoutMs, this);
-    QDBusAbstractInterface& database = *dbus.getDatabaseInterface();
-    const auto tag = [&](const char* name) {
-        return valueCalls->send(database, QStringLiteral("StationGetTag"),
-                                {QString::fromLatin1(name)});
-    };
     // The keyboard step asks whether or not there is a language to draw the
     // values with; the mouse step only when there is.
     if (step == OverlayContent::STEP_KEYBOARD || (step == OverlayContent::STEP_MOUSE && language)) {
-        const bool keyboard = step == OverlayContent::STEP_KEYBOARD;
-        const int assigned = valueCalls->send(
-            database, keyboard ? QStringLiteral("DeviceGetNumberOfAssignedKeyboards")
-                               : QStringLiteral("DeviceGetNumberOfAssignedMice"));
-        const int available = valueCalls->send(
-            database, keyboard ? QStringLiteral("DeviceGetNumberOfUnassignedKeyboards")
-                               : QStringLiteral("DeviceGetNumberOfUnassignedMice"));
-        const int name = tag("name");
-        const int location = tag("location");
+        const PlatformServices::DeviceKind kind = step == OverlayContent::STEP_KEYBOARD
+                                                      ? PlatformServices::DeviceKind::KEYBOARD
+                                                      : PlatformServices::DeviceKind::MOUSE;
+        const int assigned = platform.askAssignedCount(*valueCalls, kind);
+        const int available = platform.askUnassignedCount(*valueCalls, kind);
+        const int name = platform.askStationTag(*valueCalls, QStringLiteral("name"));
+        const int location = platform.askStationTag(*valueCalls, QStringLiteral("location"));
         connect(valueCalls, &Orvanta::PendingCallGroup::done, this,
                 [this, assigned, available, name, location] {
                     requestedContent.assigned = valueCalls->intAnswer(assigned);
@@ -365,24 +355,24 @@ void DisplayConfiguration::dropValueCalls()
     valueCalls = nullptr;
 }
 
-void DisplayConfiguration::determineLanguage(const Selvane& central, QString locale)
+void DisplayConfiguration::determineLanguage(QString locale)
 {
     // pt_BR_x tries pt_BR_x, pt_BR, pt; de_DE.UTF-8 tries itself, then de.
     QString candidate = locale;
-    language = central.getLanguage(candidate);
+    language = platform.findLanguage(candidate);
     while (!language) {
         const int underscore = candidate.lastIndexOf('_');
         if (underscore < 0) {
             break;
         }
         candidate = candidate.left(underscore);
-        language = central.getLanguage(candidate);
+        language = platform.findLanguage(candidate);
     }
     if (!language) {
         SELVANE_LOG(LEVEL_WARNING, "Cannot find strings for language '" +
                                        Orvanta::escapeForLog(locale) +
                                        "'.  Using language 'en' as a default");
-        language = central.getLanguage(QStringLiteral("en"));
+        language = platform.findLanguage(QStringLiteral("en"));
         if (!language) {
             SELVANE_LOG(LEVEL_WARNING,
                         "Cannot find strings for language 'en'.  No strings can be rendered.");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "assignment/PlatformServices.h"
 #include "overlay/ConnectionAttempts.h"
 #include "overlay/OverlayContent.h"
 
@@ -8,9 +9,7 @@
 
 #include <memory>
 
-class DBusInterface;
 class EventDevice;
-class Selvane;
 class StationThread;
 class TranslationLanguage;
 
@@ -65,8 +64,8 @@ public:
     // Asks the session controller for the locale of the display's user; once
     // it answers (or its bound has passed) the language is chosen and the
     // station's thread opens the display.
-    DisplayConfiguration(DBusInterface& dbus, const Selvane& central, OverlayImage overlayImage,
-                         int displayId, int stationId);
+    DisplayConfiguration(PlatformServices& platform, OverlayImage overlayImage, int displayId,
+                         int stationId);
     // Stops the station's thread, which closes the overlay.
     ~DisplayConfiguration() override;
 
@@ -101,8 +100,8 @@ public:
     // Composes the picture anew at the next update(), e.g. after the counts changed.
     void recreateImage() { needsNewImage = true; }
 
-    // The language.
-    void determineLanguage(const Selvane& central, QString locale);
+    // The language of the locale, looked up in the platform's languages.
+    void determineLanguage(QString locale);
     // Registers the overlay's font; callable before the logger runs and more than once.
     static void initTranslations();
 
@@ -130,8 +129,7 @@ private:
 
     OverlayImage overlayImage;
     State state = STATE_START;
-    DBusInterface& dbus;
-    const Selvane& centralObject;
+    PlatformServices& platform;
     int displayId;
     int stationId;
     const TranslationLanguage* language = nullptr;

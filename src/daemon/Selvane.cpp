@@ -14,7 +14,8 @@ constexpr char logSource[] = "Selvane";
 constexpr int updateIntervalMs = 100;
 } // namespace
 
-Selvane::Selvane(QString configFile) : configFileName(configFile), dbusInterface(this)
+Selvane::Selvane(QString configFile)
+    : configFileName(configFile), dbusInterface(this), platformServices(dbusInterface, *this)
 {
     if (!dbusInterface.connect()) {
         SELVANE_LOG(LEVEL_ERROR, "Could not connect to dbus");
@@ -24,7 +25,7 @@ Selvane::Selvane(QString configFile) : configFileName(configFile), dbusInterface
     // draws whatever strings were read, possibly none.
     TranslationParser translationParser(languages);
     translationParser.parse(QString::fromLatin1(Orvanta::Paths::translationFile));
-    assignmentHandler = new AssignmentHandler(dbusInterface, *this);
+    assignmentHandler = new AssignmentHandler(platformServices);
     assignedDeviceHandler = new AssignedDeviceHandler(configFile);
     // Devices assigned to or removed from stations change the counts that the
     // overlays show.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "daemon/BusPlatformServices.h"
 #include "daemon/DBusInterface.h"
 
 #include <QHash>
@@ -66,6 +67,8 @@ private:
     bool earlyUpdateRequested = false;
     bool reloadRequested = false;
     DBusInterface dbusInterface;
+    // What the assignment handler and its displays use of the platform.
+    BusPlatformServices platformServices;
     QHash<QString, TranslationLanguage*> languages;
     AssignmentHandler* assignmentHandler = nullptr;
     AssignedDeviceHandler* assignedDeviceHandler = nullptr;

@@ -32,7 +32,9 @@ class QSocketNotifier;
 // The object and every public method belong to the main thread, which must run a Qt event loop
 // for recordsWaiting(). The reader thread owns the descriptors; the two share only the queues,
 // guarded by one mutex held for short queue operations, and talk through two eventfds (commands
-// one way, wake-ups the other), which also order the threads for ThreadSanitizer.
+// one way, wake-ups the other), which also order the threads for ThreadSanitizer. The reader
+// thread's side is InputReader::Thread (InputReaderThread.h), what they share InputReaderState.h,
+// and each device's records pass a KeyRecordFilter.
 class InputReader : public QObject
 {
     Q_OBJECT

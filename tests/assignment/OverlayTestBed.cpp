@@ -105,14 +105,17 @@ OverlayTestBed::OverlayTestBed(const QStringList& simulatorOptions)
 
 void OverlayTestBed::recreateCentral()
 {
+    platform.reset();
     dbus.reset();
     central.reset();
     central = std::make_unique<Selvane>(keysFile());
     dbus = std::make_unique<DBusInterface>(central.get());
+    platform = std::make_unique<BusPlatformServices>(*dbus, *central);
 }
 
 OverlayTestBed::~OverlayTestBed()
 {
+    platform.reset();
     dbus.reset();
     central.reset();
     log.reset();
@@ -122,8 +125,7 @@ OverlayTestBed::~OverlayTestBed()
 std::unique_ptr<DisplayConfiguration>
 OverlayTestBed::create(int displayId, int stationId, DisplayConfiguration::OverlayImage overlay)
 {
-    auto display =
-        std::make_unique<DisplayConfiguration>(*dbus, *central, overlay, displayId, stationId);
+    auto display = std::make_unique<DisplayConfiguration>(*platform, overlay, displayId, stationId);
     // The locale is asked without waiting; the tests start from its answer.
     DaemonRunner::waitUntil([&] { return display->isLanguageDetermined(); });
     return display;

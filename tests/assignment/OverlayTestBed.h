@@ -6,6 +6,7 @@
 #include "XorgDummyServer.h"
 
 #include "assignment/DisplayConfiguration.h"
+#include "daemon/BusPlatformServices.h"
 #include "daemon/DBusInterface.h"
 #include "daemon/Selvane.h"
 
@@ -20,8 +21,9 @@
 
 // What a display configuration needs around it in a test: a private session
 // bus with the platform simulator on it (answering with the given options and
-// recording every call), the central object, a D-Bus interface for the
-// display configurations and a capture of the log.
+// recording every call), the central object, a D-Bus interface and the
+// platform services over it for the display configurations, and a capture of
+// the log.
 //
 // The tests run in a private mount namespace (support/run-isolated.sh), where
 // /usr/share is a throw-away overlay: they write the overlay's pictures,
@@ -53,6 +55,7 @@ public:
     bool isReady() const { return simulator && simulator->isReady() && central; }
     Selvane& getCentral() { return *central; }
     DBusInterface& getDBus() { return *dbus; }
+    PlatformServices& getPlatform() { return *platform; }
     PlatformSimulatorProcess& getSimulator() { return *simulator; }
     LogCapture& getLog() { return *log; }
 
@@ -75,6 +78,7 @@ private:
     std::unique_ptr<LogCapture> log;
     std::unique_ptr<Selvane> central;
     std::unique_ptr<DBusInterface> dbus;
+    std::unique_ptr<BusPlatformServices> platform;
 };
 
 // Skips (77) when the tests cannot run here; otherwise runs them on the

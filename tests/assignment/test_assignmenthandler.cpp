@@ -55,7 +55,7 @@ private Q_SLOTS:
     {
         OverlayTestBed::removeDataFile("version");
         testbed = std::make_unique<UmockdevTestbed>();
-        handler = std::make_unique<AssignmentHandler>(bed->getDBus(), bed->getCentral());
+        handler = std::make_unique<AssignmentHandler>(bed->getPlatform());
         bed->getLog().clear();
     }
     void cleanup()
@@ -120,7 +120,7 @@ private Q_SLOTS:
         QFETCH(int, overlay);
         QVERIFY(OverlayTestBed::writeDataFile("version", content));
         bed->getLog().clear();
-        const AssignmentHandler versioned(bed->getDBus(), bed->getCentral());
+        const AssignmentHandler versioned(bed->getPlatform());
         QCOMPARE(static_cast<int>(versioned.getOverlayImage()), overlay);
         QVERIFY(bed->getLog().entries().isEmpty());
     }
@@ -128,7 +128,7 @@ private Q_SLOTS:
     void missingVersionFileIsAWarning()
     {
         QCOMPARE(handler->getOverlayImage(), DisplayConfiguration::OVERLAY_IMAGE_NONE);
-        const AssignmentHandler unversioned(bed->getDBus(), bed->getCentral());
+        const AssignmentHandler unversioned(bed->getPlatform());
         const LogCapture::Entry* entry = bed->getLog().find("Could not determine Qel version");
         QVERIFY(entry);
         QCOMPARE(entry->level, Logger::LEVEL_WARNING);

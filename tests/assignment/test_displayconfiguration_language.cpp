@@ -114,7 +114,7 @@ private Q_SLOTS:
         QFETCH(bool, warned);
         auto display = bed->create(british, 6);
         bed->getLog().clear();
-        display->determineLanguage(bed->getCentral(), locale);
+        display->determineLanguage(locale);
         QVERIFY(display->getLanguage());
         QCOMPARE(display->getLanguage()->getId(), language);
         QStringList expected;
@@ -153,7 +153,7 @@ private Q_SLOTS:
 
         // A match is still found without English.
         bed->getLog().clear();
-        display->determineLanguage(bed->getCentral(), "de_AT");
+        display->determineLanguage("de_AT");
         QCOMPARE(display->getLanguage(), bed->getCentral().getLanguage("de"));
         QCOMPARE(bed->getLog().messages(), QStringList{"Using language de on station 6"});
     }

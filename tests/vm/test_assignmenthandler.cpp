@@ -16,6 +16,7 @@
 
 #include "assignment/AssignmentHandler.h"
 #include "common/Util.h"
+#include "daemon/BusPlatformServices.h"
 #include "daemon/DBusInterface.h"
 #include "daemon/Selvane.h"
 #include "input/EventDevice.h"
@@ -127,9 +128,11 @@ private Q_SLOTS:
         InputKeyCode::buildTable();
         central = std::make_unique<Selvane>(keyConfiguration);
         dbus = std::make_unique<DBusInterface>(central.get());
+        platform = std::make_unique<BusPlatformServices>(*dbus, *central);
     }
     void cleanupTestCase()
     {
+        platform.reset();
         dbus.reset();
         central.reset();
         InputKeyCode::cleanupTable();
@@ -139,7 +142,7 @@ private Q_SLOTS:
     void init()
     {
         log = std::make_unique<LogCapture>();
-        handler = std::make_unique<AssignmentHandler>(*dbus, *central);
+        handler = std::make_unique<AssignmentHandler>(*platform);
     }
     void cleanup()
     {
@@ -321,6 +324,7 @@ private:
     std::unique_ptr<DaemonRunner> bus;
     std::unique_ptr<Selvane> central;
     std::unique_ptr<DBusInterface> dbus;
+    std::unique_ptr<BusPlatformServices> platform;
     std::unique_ptr<LogCapture> log;
     std::unique_ptr<AssignmentHandler> handler;
 };
