@@ -2,6 +2,7 @@
 #include "DaemonRunner.h"
 
 #include "TestFiles.h"
+#include "XDisplayProbe.h"
 #include "XvfbServer.h"
 
 #include "input/InputKeyCode.h"
@@ -129,4 +130,33 @@ OverlayTestBed::create(int displayId, int stationId, DisplayConfiguration::Overl
     // The locale is asked without waiting; the tests start from its answer.
     DaemonRunner::waitUntil([&] { return display->isLanguageDetermined(); });
     return display;
+}
+
+ScreenPicture::Taken OverlayTestBed::waitForPicture(DisplayConfiguration& display,
+                                                    const XDisplayProbe& probe,
+                                                    const QImage& previous)
+{
+    // The window first: before it is mapped, the root's pattern shows there.
+    DaemonRunner::waitUntil(
+        [&] {
+            display.update();
+            const QList<xcb_window_t> windows = probe.windowsNamed("Press F Key");
+            if (windows.size() != 1) {
+                return false;
+            }
+            const auto attributes = probe.attributes(windows.first());
+            return attributes && attributes->map_state == XCB_MAP_STATE_VIEWABLE;
+        },
+        10000);
+    // A picture reaches the window through its first pixel (1,1 on the
+    // screen, past the border): that is cleared to the window's white
+    // background, and the exposure this causes copies the whole picture. In
+    // between it shows white; the pictures' first pixel is never white.
+    const QPoint firstPixel(1, 1);
+    const QRgb windowBackground = qRgb(255, 255, 255);
+    return ScreenPicture::takeWhen(
+        probe, [&] { display.update(); },
+        [&](const QImage& screen) {
+            return screen.pixel(firstPixel) != windowBackground && screen != previous;
+        });
 }

@@ -3,6 +3,7 @@
 #include "DaemonRunner.h"
 #include "LogCapture.h"
 #include "PlatformSimulatorProcess.h"
+#include "ScreenPicture.h"
 #include "XorgDummyServer.h"
 
 #include "assignment/DisplayConfiguration.h"
@@ -18,6 +19,8 @@
 
 #include <functional>
 #include <memory>
+
+class XDisplayProbe;
 
 // What a display configuration needs around it in a test: a private session
 // bus with the platform simulator on it (answering with the given options and
@@ -68,6 +71,13 @@ public:
     std::unique_ptr<DisplayConfiguration>
     create(int displayId, int stationId,
            DisplayConfiguration::OverlayImage overlay = DisplayConfiguration::OVERLAY_IMAGE_NONE);
+    // Runs the display's update() until the probe's screen shows a picture on
+    // the overlay window, not its white background, that differs from
+    // `previous`: the first picture of a new display, or the next one. Each
+    // picture reaches the window in one copy from the server's pixmap.
+    static ScreenPicture::Taken waitForPicture(DisplayConfiguration& display,
+                                               const XDisplayProbe& probe,
+                                               const QImage& previous = QImage());
     // The calls recorded after the first `from` ones.
     QStringList callsSince(int from) const { return simulator->calls().mid(from); }
     int callCount() const { return simulator->calls().size(); }
