@@ -1,5 +1,7 @@
 #include "StationBlackbox.h"
 
+#include "ComposedPicture.h"
+
 #include "DeviceDescription.h"
 #include "TestFiles.h"
 #include "XDisplayProbe.h"
@@ -479,16 +481,46 @@ bool differOnlyIn(const QImage& before, const QImage& after, const QRect& area)
     return differsInside;
 }
 
+namespace {
+
+const QString roomName = QStringLiteral("Reading room");
+const QString roomLocation = QStringLiteral("First floor");
+
+int assignedInRound(int round)
+{
+    return round;
+}
+
+int availableInRound(int round)
+{
+    return 20 + round;
+}
+
+} // namespace
+
 QStringList platformOfRound(int round)
 {
     return {QStringLiteral("--assigned-keyboards"),
-            QString::number(round),
+            QString::number(assignedInRound(round)),
             QStringLiteral("--unassigned-keyboards"),
-            QString::number(20 + round),
+            QString::number(availableInRound(round)),
             QStringLiteral("--tag"),
-            QStringLiteral("name=Reading room"),
+            QStringLiteral("name=") + roomName,
             QStringLiteral("--tag"),
-            QStringLiteral("location=First floor")};
+            QStringLiteral("location=") + roomLocation};
+}
+
+OverlayContent pictureOfRound(int round, int stationId)
+{
+    OverlayContent content;
+    content.stationId = stationId;
+    content.language = ComposedPicture::installedLanguage(QStringLiteral("en"));
+    content.assignmentKey = ComposedPicture::assignmentKeyOf(stationId);
+    content.stationName = roomName;
+    content.stationLocation = roomLocation;
+    content.assigned = assignedInRound(round);
+    content.available = availableInRound(round);
+    return content;
 }
 
 } // namespace StationPictures

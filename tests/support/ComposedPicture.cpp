@@ -1,6 +1,12 @@
 #include "ComposedPicture.h"
 
 #include "overlay/OverlayComposer.h"
+#include "translation/TranslationLanguage.h"
+#include "translation/TranslationParser.h"
+
+#include "Paths.h"
+
+#include <QHash>
 
 #include <algorithm>
 #include <cstdlib>
@@ -15,6 +21,21 @@ QImage composedPicture(const OverlayContent& content, QSize screen)
         return QImage();
     }
     return composer.getImage().convertToFormat(QImage::Format_RGB32);
+}
+
+const TranslationLanguage* installedLanguage(const QString& id)
+{
+    struct Languages
+    {
+        Languages()
+        {
+            TranslationParser(byId).parse(QString::fromLatin1(Orvanta::Paths::translationFile));
+        }
+        ~Languages() { qDeleteAll(byId); }
+        QHash<QString, TranslationLanguage*> byId;
+    };
+    static const Languages languages;
+    return languages.byId.value(id, nullptr);
 }
 
 QString assignmentKeyOf(int stationId)

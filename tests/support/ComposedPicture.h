@@ -7,6 +7,8 @@
 #include <QSize>
 #include <QString>
 
+class TranslationLanguage;
+
 // The overlay pictures a test expects on a station's screen, composed in the
 // test's process as the daemon composes them, from this process's data
 // directory (its pictures, translations and font must be the daemon's), and
@@ -16,6 +18,10 @@ namespace ComposedPicture {
 // The whole picture of `content` on a screen of this size, in Format_RGB32;
 // null when its background cannot be read.
 QImage composedPicture(const OverlayContent& content, QSize screen);
+
+// The language of this id from this process's translation file (the data
+// directory's), read at the first call; null when the file has none.
+const TranslationLanguage* installedLanguage(const QString& id);
 
 // The assignment key a station shows on its keyboard picture ("KEY_F1" for
 // station 0, "KEY_A" for station 12, "KEY_0" for station 38).
