@@ -2,7 +2,8 @@
 // between clients and a real Xvfb: the requests of several connections, one
 // small and one in BIG-REQUESTS form, each with its drawable, size, place and
 // bytes; everything passed on both ways (the pictures arrive, and read back
-// through the proxy); reset(); connections that end.
+// through the proxy); reset(); connections that end. The splitting of a
+// client's bytes into requests, on its own: big-endian, fed byte by byte.
 #include "XDisplayProbe.h"
 #include "XRequestCounter.h"
 #include "XvfbServer.h"
@@ -59,6 +60,52 @@ private Q_SLOTS:
     }
 
     void cleanupTestCase() { proxy.reset(); }
+
+    void streamSplitsABigEndianClientFedByteByByte()
+    {
+        struct Request
+        {
+            QByteArray head;
+            quint64 length;
+            bool bigRequest;
+            bool littleEndian;
+        };
+        QList<Request> requests;
+        XRequestStream stream(
+            [&](const QByteArray& head, uint64_t length, bool bigRequest, bool littleEndian) {
+                requests.append({head, length, bigRequest, littleEndian});
+            });
+        // The setup: byte order, pad, version 11.0, a name of 3 bytes and data
+        // of 5, pad; then the name and the data, each padded to 4 bytes.
+        QByteArray bytes = QByteArray::fromHex("420000 0b0000 0003 0005 0000");
+        bytes += QByteArray("abc\0defgh\0\0\0", 12);
+        // PutImage of 6 units; one of 9 units in BIG-REQUESTS form; GetInputFocus.
+        const QByteArray put =
+            QByteArray::fromHex("48020006 01020304 00000001 0010 0020 fffe 0005 0018 0000");
+        const QByteArray bigPut =
+            QByteArray::fromHex(
+                "48000000 00000009 01020304 00000001 0003 0004 0007 0009 0018 0000") +
+            QByteArray(8, 'x');
+        const QByteArray focus = QByteArray::fromHex("2b000001");
+        bytes += put + bigPut + focus;
+        for (const char byte : bytes) {
+            QVERIFY(stream.feed(&byte, 1));
+        }
+        QCOMPARE(requests.size(), 3);
+        QCOMPARE(requests[0].head, put);
+        QCOMPARE(requests[0].length, quint64(24));
+        QVERIFY(!requests[0].bigRequest);
+        QVERIFY(!requests[0].littleEndian);
+        QCOMPARE(requests[1].head, bigPut.left(XRequestStream::headBytes));
+        QCOMPARE(requests[1].length, quint64(36));
+        QVERIFY(requests[1].bigRequest);
+        QCOMPARE(requests[2].head, focus);
+        QCOMPARE(requests[2].length, quint64(4));
+
+        XRequestStream unknown([](const QByteArray&, uint64_t, bool, bool) {});
+        const QByteArray wrongOrder = QByteArray::fromHex("580000 0b0000 0000 0000 0000");
+        QVERIFY(!unknown.feed(wrongOrder.constData(), static_cast<size_t>(wrongOrder.size())));
+    }
 
     void putImagesOfSeveralConnectionsAreCounted()
     {

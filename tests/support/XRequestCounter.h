@@ -35,7 +35,8 @@ public:
 
     explicit XRequestStream(RequestHandler handler) : onRequest(std::move(handler)) {}
 
-    // False once the stream cannot be a client's (an unknown byte order).
+    // False once the stream cannot be a client's: an unknown byte order, or a
+    // BIG-REQUESTS length shorter than its header.
     bool feed(const char* data, size_t size);
 
 private:
