@@ -60,6 +60,7 @@
 // and dbus-daemon. Defaults: 1 run, 30 s, 500 ms, every scenario.
 
 #include "BenchSupport.h"
+#include "ComposedPicture.h"
 #include "DaemonRunner.h"
 #include "PlatformSimulatorProcess.h"
 #include "TestFiles.h"
@@ -71,7 +72,7 @@
 #include "common/Logger.h"
 #include "daemon/Selvane.h"
 #include "input/InputKeyCode.h"
-#include "overlay/OverlayComposer.h"
+#include "overlay/BackgroundLibrary.h"
 #include "overlay/OverlayContent.h"
 
 #include <QDBusConnection>
@@ -107,6 +108,13 @@ extern char** environ;
 namespace {
 
 using BenchSupport::Clock;
+using ComposedPicture::assignmentKeyOf;
+using ComposedPicture::compareScreens;
+using ComposedPicture::composedPicture;
+using ComposedPicture::ScreenDifference;
+using ComposedPicture::textEdgeLevels;
+using ComposedPicture::visibleOnScreen;
+using ComposedPicture::visiblePart;
 
 constexpr int screenWidth = 1920;
 constexpr int screenHeight = 1080;
@@ -380,19 +388,6 @@ private:
     std::thread thread;
 };
 
-// The assignment key of a station, as the display configuration chooses it.
-QString assignmentKeyOf(int stationId)
-{
-    const int keyNumber = stationId + 1;
-    if (keyNumber <= 12) {
-        return QStringLiteral("KEY_F%1").arg(keyNumber);
-    }
-    if (keyNumber <= 38) {
-        return QStringLiteral("KEY_%1").arg(QChar('A' + stationId - 12));
-    }
-    return QStringLiteral("KEY_%1").arg(QChar('0' + stationId - 38));
-}
-
 // The process of the X server of `display`, as the kernel names the peer of
 // a connection to its socket (abstract first, as xcb connects); -1 when none answers.
 pid_t serverPid(int display)
@@ -420,41 +415,6 @@ pid_t serverPid(int display)
         }
     }
     return -1;
-}
-
-// How far a screen is from the picture it should show.
-struct ScreenDifference
-{
-    int pixels = 0;
-    int maxLevels = 0;
-};
-
-// The most a colour channel of a large text's edge moves between two
-// drawings of the same picture (37 seen); a wrong text or count moves far more.
-constexpr int textEdgeLevels = 48;
-
-ScreenDifference compareScreens(const QImage& shot, const QImage& expected)
-{
-    ScreenDifference difference;
-    if (shot.size() != expected.size() || shot.format() != expected.format()) {
-        difference.pixels = expected.width() * expected.height();
-        difference.maxLevels = 255;
-        return difference;
-    }
-    for (int y = 0; y < shot.height(); ++y) {
-        const auto* a = reinterpret_cast<const QRgb*>(shot.constScanLine(y));
-        const auto* b = reinterpret_cast<const QRgb*>(expected.constScanLine(y));
-        for (int x = 0; x < shot.width(); ++x) {
-            if (a[x] == b[x]) {
-                continue;
-            }
-            ++difference.pixels;
-            difference.maxLevels = std::max(
-                {difference.maxLevels, std::abs(qRed(a[x]) - qRed(b[x])),
-                 std::abs(qGreen(a[x]) - qGreen(b[x])), std::abs(qBlue(a[x]) - qBlue(b[x]))});
-        }
-    }
-    return difference;
 }
 
 struct Scenario
@@ -626,14 +586,12 @@ int runScenario(TickApplication& app, const Scenario& scenario, const Options& o
     }
 
     // The bottom row of every keyboard picture: the scaled background, which
-    // no text reaches. Scaled here as the composer scales it, without its cache.
-    QImage background(QString::fromLatin1(Orvanta::Paths::imageDir) +
-                      QStringLiteral("/configure-keyboard.png"));
-    background =
-        background.convertToFormat(QImage::Format_ARGB32_Premultiplied)
-            .scaled(screenWidth, screenHeight, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
-            .convertToFormat(QImage::Format_RGB32);
-    const QImage bottomRow = background.copy(0, screenHeight - 2, screenWidth - 1, 1);
+    // no text reaches. Let go of at once, so that the stations start cold.
+    const QImage bottomRow = BackgroundLibrary::shared()
+                                 .obtain(QStringLiteral("configure-keyboard.png"), QString(),
+                                         QSize(screenWidth, screenHeight))
+                                 ->image.copy(0, screenHeight - 2, screenWidth - 1, 1)
+                                 .convertToFormat(QImage::Format_RGB32);
 
     BusDriver driver(bus.busAddress());
     runEventLoopFor(500);
@@ -704,7 +662,7 @@ int runScenario(TickApplication& app, const Scenario& scenario, const Options& o
     // drawing of the same picture to the next; a screen that differs from the
     // picture composed here by no more than that counts as right "up to text
     // edges", anything more as wrong.
-    const QRect visible(0, 0, screenWidth - 1, screenHeight - 1);
+    const QSize screenSize(screenWidth, screenHeight);
     std::vector<QImage> expected;
     for (int s = 0; s < scenario.stations; ++s) {
         OverlayContent content;
@@ -717,12 +675,7 @@ int runScenario(TickApplication& app, const Scenario& scenario, const Options& o
             content.available = unassignedKeyboards;
             content.assigned = assignedKeyboards;
         }
-        const std::optional<OverlayPicture> picture =
-            OverlayComposer::compose(content, QSize(screenWidth, screenHeight));
-        expected.push_back(
-            picture ? OverlayComposer::renderWhole(*picture).copy(visible).convertToFormat(
-                          QImage::Format_RGB32)
-                    : QImage());
+        expected.push_back(composedPicture(content, screenSize).copy(visiblePart(screenSize)));
     }
     int exact = 0;
     int edges = 0;
@@ -733,7 +686,7 @@ int runScenario(TickApplication& app, const Scenario& scenario, const Options& o
             edges = 0;
             for (int s = 0; s < scenario.stations; ++s) {
                 const XDisplayProbe probe(QStringLiteral(":%1").arg(displays.at(s)));
-                const QImage shot = probe.screenshot(visible.translated(1, 1));
+                const QImage shot = probe.screenshot(visibleOnScreen(screenSize));
                 const ScreenDifference difference = compareScreens(shot, expected.at(s));
                 if (difference.pixels == 0) {
                     ++exact;

@@ -93,15 +93,23 @@ OverlayTestBed::OverlayTestBed(const QStringList& simulatorOptions)
     }
     // Before the first use of the session bus in this process.
     qputenv("DBUS_SESSION_BUS_ADDRESS", bus.busAddress().toLocal8Bit());
-    simulator = std::make_unique<PlatformSimulatorProcess>(
-        bus.busAddress(), bus.path(QStringLiteral("calls")), simulatorOptions);
-    if (!simulator->isReady()) {
+    if (!restartSimulator(simulatorOptions)) {
         return;
     }
     writeFile(keysFile(), "KEY_LEFTCTRL:KEY_F1:true\n");
     InputKeyCode::buildTable();
     log = std::make_unique<LogCapture>();
     recreateCentral();
+}
+
+bool OverlayTestBed::restartSimulator(const QStringList& simulatorOptions)
+{
+    simulator.reset();
+    ++simulatorRuns;
+    simulator = std::make_unique<PlatformSimulatorProcess>(
+        bus.busAddress(), bus.path(QStringLiteral("calls-%1").arg(simulatorRuns)),
+        simulatorOptions);
+    return simulator->isReady();
 }
 
 void OverlayTestBed::recreateCentral()

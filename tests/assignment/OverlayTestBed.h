@@ -62,6 +62,11 @@ public:
     PlatformSimulatorProcess& getSimulator() { return *simulator; }
     LogCapture& getLog() { return *log; }
 
+    // Starts the platform simulator anew with these options, ending the one
+    // before: the counts it answers change only so. Its record of calls starts
+    // empty.
+    bool restartSimulator(const QStringList& simulatorOptions);
+
     // The key configuration the central object reads when it is made.
     QString keysFile() const { return bus.path(QStringLiteral("keys.conf")); }
     // Makes the central object anew, which reads the translations again.
@@ -85,6 +90,7 @@ public:
 private:
     DaemonRunner bus;
     std::unique_ptr<PlatformSimulatorProcess> simulator;
+    int simulatorRuns = 0;
     std::unique_ptr<LogCapture> log;
     std::unique_ptr<Selvane> central;
     std::unique_ptr<DBusInterface> dbus;

@@ -1,8 +1,11 @@
 #include "StationBlackbox.h"
 
+#include "ComposedPicture.h"
 #include "DeviceDescription.h"
 #include "TestFiles.h"
 #include "XDisplayProbe.h"
+
+#include "overlay/ArtworkPlacement.h"
 
 #include <QDBusMessage>
 #include <QDateTime>
@@ -428,11 +431,11 @@ namespace StationPictures {
 QRect countsArea(const QSize& screen)
 {
     // The pictures' footer holds both counts on the baseline y 694 of the
-    // 1024x768 picture, in 22-point text from x 128 on.
-    const double scaleX = screen.width() / 1024.0;
-    const double scaleY = screen.height() / 768.0;
-    return QRect(qRound(64 * scaleX), qRound(660 * scaleY), qRound(960 * scaleX),
-                 qRound(50 * scaleY));
+    // 1024x768 picture, in 22-point text from x 128 on; the picture keeps its
+    // shape on the screen.
+    const ArtworkPlacement placement = ArtworkPlacement::fit(QSize(1024, 768), screen);
+    const double scale = placement.getScale();
+    return QRect(placement.rounded(64, 660), QSize(qRound(960 * scale), qRound(50 * scale)));
 }
 
 bool showsAPicture(const QImage& screen)
@@ -479,16 +482,46 @@ bool differOnlyIn(const QImage& before, const QImage& after, const QRect& area)
     return differsInside;
 }
 
+namespace {
+
+const QString roomName = QStringLiteral("Reading room");
+const QString roomLocation = QStringLiteral("First floor");
+
+int assignedInRound(int round)
+{
+    return round;
+}
+
+int availableInRound(int round)
+{
+    return 20 + round;
+}
+
+} // namespace
+
 QStringList platformOfRound(int round)
 {
     return {QStringLiteral("--assigned-keyboards"),
-            QString::number(round),
+            QString::number(assignedInRound(round)),
             QStringLiteral("--unassigned-keyboards"),
-            QString::number(20 + round),
+            QString::number(availableInRound(round)),
             QStringLiteral("--tag"),
-            QStringLiteral("name=Reading room"),
+            QStringLiteral("name=") + roomName,
             QStringLiteral("--tag"),
-            QStringLiteral("location=First floor")};
+            QStringLiteral("location=") + roomLocation};
+}
+
+OverlayContent pictureOfRound(int round, int stationId)
+{
+    OverlayContent content;
+    content.stationId = stationId;
+    content.language = ComposedPicture::installedLanguage(QStringLiteral("en"));
+    content.assignmentKey = ComposedPicture::assignmentKeyOf(stationId);
+    content.stationName = roomName;
+    content.stationLocation = roomLocation;
+    content.assigned = assignedInRound(round);
+    content.available = availableInRound(round);
+    return content;
 }
 
 } // namespace StationPictures

@@ -6,6 +6,8 @@
 #include "UmockdevTestbed.h"
 #include "XvfbServer.h"
 
+#include "overlay/OverlayContent.h"
+
 #include <QDBusConnection>
 #include <QHash>
 #include <QImage>
@@ -200,4 +202,7 @@ bool differOnlyIn(const QImage& before, const QImage& after, const QRect& area);
 // The platform's answers in round `round`: each round other counts, so that
 // a redraw shows on the screen.
 QStringList platformOfRound(int round);
+// What the keyboard picture of station `stationId` shows in round `round`,
+// in the daemon's English.
+OverlayContent pictureOfRound(int round, int stationId);
 } // namespace StationPictures

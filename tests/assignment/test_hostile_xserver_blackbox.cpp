@@ -15,9 +15,7 @@
 #include "StationBlackbox.h"
 #include "XSetupReply.h"
 
-#include <QFile>
 #include <QGuiApplication>
-#include <QRegularExpression>
 #include <QtTest>
 
 #include <csignal>
@@ -39,18 +37,6 @@ constexpr int pictureTimeoutMs = 5000;
 constexpr int ticksWatched = 10;
 // The account a foreign server's socket is made by.
 constexpr uid_t foreignUid = 65534;
-
-// The process's peak resident memory in KiB (VmHWM), -1 when unknown.
-qint64 peakResidentKiB(pid_t pid)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    const QRegularExpressionMatch match = QRegularExpression(QStringLiteral(R"(VmHWM:\s+(\d+) kB)"))
-                                              .match(QString::fromLatin1(status.readAll()));
-    return match.hasMatch() ? match.captured(1).toLongLong() : -1;
-}
 
 XSetupReply withFormats(const QVector<XSetupReply::Format>& formats)
 {
@@ -248,7 +234,7 @@ private:
     void stillServing()
     {
         QCOMPARE(kill(blackbox->getDaemon(), 0), 0);
-        const qint64 peak = peakResidentKiB(blackbox->getDaemon());
+        const qint64 peak = DaemonRunner::peakResidentKiB(blackbox->getDaemon());
         qInfo("the daemon's peak resident memory: %lld KiB", peak);
         QVERIFY(peak > 0);
         QVERIFY2(peak < peakLimitKiB, qPrintable(QString::number(peak)));

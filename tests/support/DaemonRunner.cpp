@@ -277,13 +277,28 @@ bool DaemonRunner::becomeSubreaper()
     return prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
 }
 
-qint64 DaemonRunner::residentKiB(pid_t pid)
+namespace {
+
+// A figure in kB of the process's status file ("VmRSS", "VmHWM"), -1 when unknown.
+qint64 statusKiB(pid_t pid, const QString& field)
 {
     const QString status =
         QString::fromLatin1(readFile(QStringLiteral("/proc/%1/status").arg(pid)));
     const QRegularExpressionMatch match =
-        QRegularExpression(QStringLiteral(R"(VmRSS:\s+(\d+) kB)")).match(status);
+        QRegularExpression(QStringLiteral(R"(%1:\s+(\d+) kB)").arg(field)).match(status);
     return match.hasMatch() ? match.captured(1).toLongLong() : -1;
+}
+
+} // namespace
+
+qint64 DaemonRunner::residentKiB(pid_t pid)
+{
+    return statusKiB(pid, QStringLiteral("VmRSS"));
+}
+
+qint64 DaemonRunner::peakResidentKiB(pid_t pid)
+{
+    return statusKiB(pid, QStringLiteral("VmHWM"));
 }
 
 int DaemonRunner::waitForExit(pid_t pid, int timeoutMs)

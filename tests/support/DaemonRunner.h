@@ -111,6 +111,8 @@ public:
     static int waitForExit(pid_t pid, int timeoutMs = defaultTimeoutMs);
     // The process's resident memory in KiB (VmRSS), -1 when unknown.
     static qint64 residentKiB(pid_t pid);
+    // The process's peak resident memory in KiB (VmHWM), -1 when unknown.
+    static qint64 peakResidentKiB(pid_t pid);
     // Re-checks the condition, processing events in between, until it holds
     // or the time is up.
     static bool waitUntil(const std::function<bool()>& condition, int timeoutMs = defaultTimeoutMs);

@@ -1,18 +1,11 @@
 #include "FakeXServer.h"
 
-#include "XvfbServer.h"
-
-#include <QFile>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
@@ -22,15 +15,6 @@ constexpr uint8_t getPropertyOpcode = 20;
 constexpr uint8_t getInputFocusOpcode = 43;
 constexpr uint8_t queryExtensionOpcode = 98;
 constexpr uint8_t randrQueryVersionMinor = 0;
-
-// Display numbers tried: those that the tests of a display without a server
-// leave to others come last.
-constexpr int firstNumber = 650;
-
-QString lockFile(int number)
-{
-    return QStringLiteral("/tmp/.X%1-lock").arg(number);
-}
 
 uint16_t read16(const QByteArray& bytes, int offset)
 {
@@ -90,74 +74,19 @@ FakeXServer::~FakeXServer()
     for (const Client& client : clients) {
         close(client.fd);
     }
-    if (listenFd >= 0) {
-        close(listenFd);
-    }
     if (stopFd >= 0) {
         close(stopFd);
-    }
-    if (displayNumber >= 0) {
-        QFile::remove(lockFile(displayNumber));
     }
 }
 
 bool FakeXServer::start(std::optional<uid_t> listenerUid)
 {
     stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (stopFd < 0) {
+    if (stopFd < 0 || !display.listen(listenerUid)) {
         return false;
     }
-    for (int number = XvfbServer::unusedDisplayNumber(firstNumber); number >= 0;
-         number = XvfbServer::unusedDisplayNumber(number + 1)) {
-        // The lock file first, as an X server takes its number.
-        const int lock =
-            open(qPrintable(lockFile(number)), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-        if (lock < 0) {
-            continue;
-        }
-        const QByteArray pid = QByteArray::number(getpid()).rightJustified(10, ' ') + '\n';
-        const bool locked = write(lock, pid.constData(), static_cast<size_t>(pid.size())) ==
-                            static_cast<ssize_t>(pid.size());
-        close(lock);
-        if (locked && listenOn(number, listenerUid)) {
-            displayNumber = number;
-            thread = std::thread(&FakeXServer::serve, this);
-            return true;
-        }
-        QFile::remove(lockFile(number));
-    }
-    return false;
-}
-
-bool FakeXServer::listenOn(int number, std::optional<uid_t> listenerUid)
-{
-    // A thread of its own, whose credentials alone change: the kernel gives
-    // the listening socket the credentials of the thread that calls listen().
-    std::thread listener([&] {
-        if (listenerUid && syscall(SYS_setresuid, static_cast<uid_t>(-1), *listenerUid,
-                                   static_cast<uid_t>(-1)) != 0) {
-            return;
-        }
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd < 0) {
-            return;
-        }
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        const QByteArray name = "/tmp/.X11-unix/X" + QByteArray::number(number);
-        // An abstract name: a NUL, then the path.
-        memcpy(address.sun_path + 1, name.constData(), static_cast<size_t>(name.size()));
-        const auto length =
-            static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-        if (bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
-            listen(fd, 16) != 0) {
-            close(fd);
-            return;
-        }
-        listenFd = fd;
-    });
-    listener.join();
-    return listenFd >= 0;
+    thread = std::thread(&FakeXServer::serve, this);
+    return true;
 }
 
 void FakeXServer::sendScreenChange(uint16_t width, uint16_t height)
@@ -184,7 +113,7 @@ void FakeXServer::sendScreenChange(uint16_t width, uint16_t height)
 void FakeXServer::serve()
 {
     for (;;) {
-        std::vector<pollfd> polled = {{stopFd, POLLIN, 0}, {listenFd, POLLIN, 0}};
+        std::vector<pollfd> polled = {{stopFd, POLLIN, 0}, {display.socket(), POLLIN, 0}};
         {
             const std::lock_guard<std::mutex> lock(mutex);
             for (const Client& client : clients) {
@@ -202,7 +131,7 @@ void FakeXServer::serve()
         }
         const std::lock_guard<std::mutex> lock(mutex);
         if (polled[1].revents & POLLIN) {
-            const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+            const int fd = accept4(display.socket(), nullptr, nullptr, SOCK_CLOEXEC);
             if (fd >= 0) {
                 clients.push_back({fd, QByteArray()});
                 ++connectionCount;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ListeningDisplay.h"
+
 #include <QByteArray>
 
 #include <array>
@@ -47,7 +49,7 @@ public:
     // made by a thread of that effective user id, whose credentials are what
     // a client reads as its peer's (only root can do that). False on failure.
     bool start(std::optional<uid_t> listenerUid = std::nullopt);
-    int number() const { return displayNumber; }
+    int number() const { return display.number(); }
 
     // A RandR screen change of this size to every client past its setup.
     void sendScreenChange(uint16_t width, uint16_t height);
@@ -65,7 +67,6 @@ private:
         uint16_t sequence = 0;
     };
 
-    bool listenOn(int number, std::optional<uid_t> listenerUid);
     void serve();
     // Handles what has come in; false when the connection is to end.
     bool handleInput(Client& client);
@@ -73,8 +74,7 @@ private:
 
     const QByteArray setup;
     const bool closeAfterSetup;
-    int displayNumber = -1;
-    int listenFd = -1;
+    ListeningDisplay display;
     int stopFd = -1;
     std::thread thread;
     std::mutex mutex;

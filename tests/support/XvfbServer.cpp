@@ -49,13 +49,14 @@ bool XvfbServer::start()
     // Xvfb left to choose takes the first number whose socket it can bind,
     // held by a lock file or not, and so the number of a server that another
     // test killed and will start again. The numbers that no lock file names
-    // are tried in turn instead: one that a server starting beside this one
-    // takes meanwhile makes the start fail, and the next one is tried. A
-    // server that cannot start at all is not tried on every number.
+    // and no server listens on are tried in turn instead (a server started
+    // with -displayfd writes no lock file): one that a server starting beside
+    // this one takes meanwhile makes the start fail, and the next one is
+    // tried. A server that cannot start at all is not tried on every number.
     constexpr int maximumLaunches = 16;
     int launches = 0;
     for (int number = 0; number < firstNumberForNoServer && launches < maximumLaunches; ++number) {
-        if (QFile::exists(lockFile(number))) {
+        if (QFile::exists(lockFile(number)) || isListenedOn(number)) {
             continue;
         }
         ++launches;
@@ -88,22 +89,23 @@ void XvfbServer::kill()
     }
 }
 
+bool XvfbServer::isListenedOn(int number)
+{
+    const QByteArray socketName = QStringLiteral("/tmp/.X11-unix/X%1").arg(number).toLatin1();
+    const QList<QByteArray> lines = readFile(QStringLiteral("/proc/net/unix")).split('\n');
+    return std::any_of(lines.begin(), lines.end(), [&socketName](const QByteArray& line) {
+        return line.endsWith(" " + socketName) || line.endsWith(" @" + socketName);
+    });
+}
+
 void XvfbServer::waitForListenersToClose() const
 {
     // The server runs xkbcomp through a shell at every reset, and both inherit
     // its listening sockets; killed in the middle of one, the server leaves
     // them listening until the compiler is done, and a new server on the
     // same number cannot bind its socket.
-    const QByteArray socketName =
-        QStringLiteral("/tmp/.X11-unix/X%1").arg(displayNumber).toLatin1();
-    const auto listened = [&socketName] {
-        const QList<QByteArray> lines = readFile(QStringLiteral("/proc/net/unix")).split('\n');
-        return std::any_of(lines.begin(), lines.end(), [&socketName](const QByteArray& line) {
-            return line.endsWith(" " + socketName) || line.endsWith(" @" + socketName);
-        });
-    };
     const QDeadlineTimer deadline(10000);
-    while (listened() && !deadline.hasExpired()) {
+    while (isListenedOn(displayNumber) && !deadline.hasExpired()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }

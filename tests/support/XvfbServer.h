@@ -62,6 +62,8 @@ private:
     bool launch(int number);
     // The lock file as an X server writes it, with this process's pid.
     void holdNumber();
+    // Whether a process listens on the display's socket, abstract or not.
+    static bool isListenedOn(int number);
     // Waits until no process (the killed server's children) listens on its
     // sockets any more.
     void waitForListenersToClose() const;
