@@ -168,14 +168,14 @@ run_demo() {
     wait_for_line "$work/platform-calls" '^platform-simulator ready$'
     echo "simulator ready (pid $simulator_pid)"
 
-    step "Starting two station displays (Xvfb)"
-    local displays=() index
+    step "Starting two station displays (Xvfb): a 4:3 screen and a 16:9 one"
+    local displays=() index sizes=(1024x768x24 1920x1080x24)
     for index in 0 1; do
-        Xvfb -displayfd 1 -screen 0 1024x768x24 -nolisten tcp >"$work/display-$index" 2>/dev/null &
+        Xvfb -displayfd 1 -screen 0 "${sizes[$index]}" -nolisten tcp >"$work/display-$index" 2>/dev/null &
         station_pids+=($!)
         wait_for_line "$work/display-$index" '^[0-9]+$'
         displays+=("$(head -n 1 "$work/display-$index")")
-        echo "station display :${displays[$index]} (pid ${station_pids[$index]})"
+        echo "station display :${displays[$index]} at ${sizes[$index]} (pid ${station_pids[$index]})"
     done
 
     step "Creating two emulated keyboards and two mice"
