@@ -6,18 +6,12 @@
 #include "overlay/OverlayComposer.h"
 
 #include <QByteArray>
-#include <QDeadlineTimer>
 
 #include <X11/Xauth.h>
 #include <xcb/randr.h>
-#include <xcb/xcbext.h>
 
-#include <array>
-#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <limits>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
