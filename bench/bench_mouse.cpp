@@ -15,7 +15,6 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QDir>
 #include <QFile>
 
 #include <linux/input-event-codes.h>
@@ -54,20 +53,6 @@ bool parse(const QStringList& arguments, Options& options)
         ++i;
     }
     return options.seconds > 0 && options.rate > 0 && options.rate <= 10000;
-}
-
-// Processor time of every thread of the process so far, in milliseconds.
-double processSchedstatMs(pid_t pid)
-{
-    const QDir tasks(QStringLiteral("/proc/%1/task").arg(pid));
-    double ns = 0;
-    for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        QFile file(tasks.filePath(task + QStringLiteral("/schedstat")));
-        if (file.open(QIODevice::ReadOnly)) {
-            ns += file.readAll().split(' ').value(0).toDouble();
-        }
-    }
-    return ns / 1e6;
 }
 
 // Moves the mouse for `seconds` at `rate` frames a second; returns the frames sent.
@@ -177,16 +162,16 @@ int main(int argc, char* argv[])
     // Idle: the start-up is over and nothing moves.
     std::this_thread::sleep_for(std::chrono::seconds(1));
     Phase idle{"idle"};
-    const double idleStart = processSchedstatMs(daemon);
+    const double idleStart = DaemonRunner::cpuMs(daemon);
     std::this_thread::sleep_for(std::chrono::seconds(options.seconds));
-    idle.cpuMs = processSchedstatMs(daemon) - idleStart;
+    idle.cpuMs = DaemonRunner::cpuMs(daemon) - idleStart;
 
     const auto measure = [&](Phase& phase) {
-        const double start = processSchedstatMs(daemon);
+        const double start = DaemonRunner::cpuMs(daemon);
         phase.frames = moveMouse(testbed, mouse, options.rate, options.seconds);
         // What is still queued is read within a tick.
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        phase.cpuMs = processSchedstatMs(daemon) - start;
+        phase.cpuMs = DaemonRunner::cpuMs(daemon) - start;
     };
     Phase assigned{"assigned"};
     measure(assigned);

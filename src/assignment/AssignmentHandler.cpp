@@ -253,6 +253,12 @@ void AssignmentHandler::update()
     updateDevices();
 }
 
+bool AssignmentHandler::needsPeriodicUpdates() const
+{
+    return !displayConfigurations.isEmpty() || !ledBlinkers.isEmpty() ||
+           !devicesToRemove.isEmpty() || StationThread::hasAbandoned();
+}
+
 void AssignmentHandler::updateDevices()
 {
     const QList<QString> assigned = devicesToRemove;

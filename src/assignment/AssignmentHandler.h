@@ -49,6 +49,10 @@ public:
     void update();
     // Drops the devices assigned since the last round, then reads the others.
     void updateDevices();
+    // Whether update() has work that comes with time rather than with a device or a remote
+    // call: an overlay to drive (its display reached or not), a keyboard's LEDs to step, an
+    // assigned device to drop, or a stopped station's thread to join.
+    bool needsPeriodicUpdates() const;
     void logStatus();
 
     EventDevice* getEventDevice(QString deviceFileName);

@@ -37,7 +37,8 @@ Selvane::Selvane(QString configFile)
     connect(assignedDeviceHandler, &AssignedDeviceHandler::updateWanted, this,
             &Selvane::requestEarlyUpdate);
     connect(&timer, &QTimer::timeout, this, &Selvane::update);
-    timer.start(updateIntervalMs);
+    // Started by the first update that finds periodic work: at start there is none.
+    timer.setInterval(updateIntervalMs);
 }
 
 Selvane::~Selvane()
@@ -59,6 +60,7 @@ void Selvane::update()
     dbusInterface.update();
     assignmentHandler->update();
     assignedDeviceHandler->update();
+    scheduleUpdates();
 }
 
 void Selvane::requestEarlyUpdate()
@@ -82,6 +84,16 @@ void Selvane::runEarlyUpdate()
     dbusInterface.update();
     assignmentHandler->updateDevices();
     assignedDeviceHandler->update();
+    scheduleUpdates();
+}
+
+void Selvane::scheduleUpdates()
+{
+    if (!assignmentHandler->needsPeriodicUpdates()) {
+        timer.stop();
+    } else if (!timer.isActive()) {
+        timer.start();
+    }
 }
 
 void Selvane::requestReload()

@@ -25,6 +25,15 @@ class TranslationLanguage;
 // early update runs once the event loop is back at its top (never inside a
 // device read or a D-Bus callback), once however many asked for it.
 //
+// The timer runs only while the assignment handler has work that comes with
+// time (AssignmentHandler::needsPeriodicUpdates(): a display configuration,
+// a blinking keyboard, an assigned device to drop, a station thread to join).
+// Everything else wakes the daemon by itself: devices, remote calls and
+// signals through early updates, commands and remote calls' bounds through
+// timers of their own. So an idle daemon sleeps. Every update, full or early,
+// ends by starting the timer when such work has appeared (a running timer
+// keeps its cadence) and stopping it when none is left.
+//
 // A reload (SIGHUP) is done at the start of the next update, never in the
 // middle of one: the log file is reopened and the key configuration file read
 // again; devices, LEDs, overlays and the D-Bus service stay as they are.
@@ -61,6 +70,8 @@ private:
     void requestEarlyUpdate();
     void runEarlyUpdate();
     void reloadIfRequested();
+    // Runs the timer while there is periodic work, and only then.
+    void scheduleUpdates();
 
     QString configFileName;
     QTimer timer;

@@ -257,6 +257,11 @@ void StationThread::joinAbandoned(bool wait)
     }
 }
 
+bool StationThread::hasAbandoned()
+{
+    return !abandonedThreads().empty();
+}
+
 void StationThread::requestUpdate()
 {
     {

@@ -81,6 +81,8 @@ public:
     // Joins the threads that did not end in time when they were stopped;
     // without `wait`, only those that have ended by now. Main thread only.
     static void joinAbandoned(bool wait);
+    // Whether a thread that did not end in time is still to be joined. Main thread only.
+    static bool hasAbandoned();
 
 Q_SIGNALS:
     // Reports are waiting; takeReports() gets them.

@@ -294,6 +294,35 @@ private Q_SLOTS:
         QCOMPARE(bed->getLog().count("Removing unassigned device " + keyboard), 1);
     }
 
+    void periodicUpdatesAreNeededWhileADisplayABlinkerOrADeviceToDropIsHeld()
+    {
+        QVERIFY(!handler->needsPeriodicUpdates());
+        const QString keyboard = testbed->addDevice(DeviceDescription::keyboard());
+        QVERIFY(handler->addUnassignedDevice(keyboard));
+        QVERIFY(handler->needsPeriodicUpdates());
+        handler->removeUnassignedDevice(keyboard);
+        QVERIFY(!handler->needsPeriodicUpdates());
+
+        // A display that cannot be reached needs them as much as one that can.
+        handler->configureKeyboard(noServer, 2);
+        QVERIFY(handler->needsPeriodicUpdates());
+        handler->configurationComplete(noServer);
+        QVERIFY(!handler->needsPeriodicUpdates());
+
+        QVERIFY(handler->addUnassignedDevice(keyboard));
+        handler->configureKeyboard(noServer, 2);
+        settle();
+        type(keyboard, KEY_F3);
+        QVERIFY(
+            bed->getSimulator().waitForCall(assignedAuto(keyboard, noServer, "KeyboardDevice")));
+        handler->configurationComplete(noServer);
+        // The claimed keyboard is dropped by the next update.
+        QVERIFY(handler->needsPeriodicUpdates());
+        handler->update();
+        QVERIFY(handler->getUnassignedDevices().isEmpty());
+        QVERIFY(!handler->needsPeriodicUpdates());
+    }
+
     void aKeyChangeOnAJustAssignedDeviceFiresNothing()
     {
         const QString keyboard = testbed->addDevice(DeviceDescription::keyboard());

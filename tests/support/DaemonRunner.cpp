@@ -301,6 +301,38 @@ qint64 DaemonRunner::peakResidentKiB(pid_t pid)
     return statusKiB(pid, QStringLiteral("VmHWM"));
 }
 
+double DaemonRunner::cpuMs(pid_t pid)
+{
+    const QDir tasks(QStringLiteral("/proc/%1/task").arg(pid));
+    if (!tasks.exists()) {
+        return -1;
+    }
+    double ms = 0;
+    for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        ms += qMax(0.0, threadCpuMs(pid, task.toInt()));
+    }
+    return ms;
+}
+
+double DaemonRunner::threadCpuMs(pid_t pid, pid_t thread)
+{
+    // "<on-cpu ns> <run-queue wait ns> <time slices>"
+    const QByteArray schedstat =
+        readFile(QStringLiteral("/proc/%1/task/%2/schedstat").arg(pid).arg(thread));
+    bool ok = false;
+    const double ns = schedstat.split(' ').value(0).toDouble(&ok);
+    return ok ? ns / 1e6 : -1;
+}
+
+qint64 DaemonRunner::mainThreadSleeps(pid_t pid)
+{
+    const QString status =
+        QString::fromLatin1(readFile(QStringLiteral("/proc/%1/task/%1/status").arg(pid)));
+    const QRegularExpressionMatch match =
+        QRegularExpression(QStringLiteral(R"(\nvoluntary_ctxt_switches:\s+(\d+))")).match(status);
+    return match.hasMatch() ? match.captured(1).toLongLong() : -1;
+}
+
 int DaemonRunner::waitForExit(pid_t pid, int timeoutMs)
 {
     int status = 0;

@@ -113,6 +113,14 @@ public:
     static qint64 residentKiB(pid_t pid);
     // The process's peak resident memory in KiB (VmHWM), -1 when unknown.
     static qint64 peakResidentKiB(pid_t pid);
+    // The processor time of every thread the process has now, in milliseconds, from their
+    // schedstat; -1 when the process is gone.
+    static double cpuMs(pid_t pid);
+    // The same of one thread of the process (the main thread's id is the process's).
+    static double threadCpuMs(pid_t pid, pid_t thread);
+    // How often the process's main thread has gone to sleep so far (its voluntary context
+    // switches): each wake-up of an idle event loop costs one. -1 when unknown.
+    static qint64 mainThreadSleeps(pid_t pid);
     // Re-checks the condition, processing events in between, until it holds
     // or the time is up.
     static bool waitUntil(const std::function<bool()>& condition, int timeoutMs = defaultTimeoutMs);
