@@ -10,6 +10,9 @@
 // the key caps keep their shape on a 16:9 screen; on a screen of the artwork's
 // shape the artwork fills it, as it always has. The margins beside it are
 // filled by the background (ScaledBackground), not here.
+//
+// A value: made on a station's thread with its background and read from any
+// thread after, never changed.
 class ArtworkPlacement
 {
 public:

@@ -30,6 +30,11 @@ struct ScaledBackground
 // needs it while the others of that size wait for it, and kept while some
 // station holds it. A file that cannot be read is never shared: each station
 // that needs it looks again and logs its own line.
+//
+// One instance (shared()) for the process; obtain() is called on any station
+// thread, the map under one mutex, the loading outside it. The library holds
+// only weak references: the stations' shared pointers own the pictures, which
+// are read-only and so read from several threads at once.
 class BackgroundLibrary
 {
 public:

@@ -8,6 +8,10 @@
 // on together take turns instead of all scaling at once and starving the main
 // thread. Only composing takes a slot; talking to an X server never does, so a
 // server that stops reading holds no slot.
+//
+// The daemon's one instance (shared()) lives for the whole process; any
+// thread takes and gives back slots, under its mutex. A Slot belongs to the
+// thread that took it.
 class CompositionSlots
 {
 public:

@@ -27,8 +27,9 @@ struct OverlayPicture
 // over it (BackgroundLibrary), the artwork's placement on the screen, and the
 // station's texts, counts and key labels in the station's language.
 //
-// Called on the station threads, any number at once; drawing takes one of
-// the daemon's composition slots (CompositionSlots).
+// Functions only, called on the station threads, any number at once; drawing
+// takes one of the daemon's composition slots (CompositionSlots). A picture
+// belongs to its caller; its background is shared and read-only.
 class OverlayComposer
 {
 public:

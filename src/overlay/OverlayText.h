@@ -38,6 +38,10 @@ struct OverlayText
 // placed on the screen as the artwork is. Knowing where each line may draw,
 // a new picture over the same background only needs the rectangles of the
 // lines that changed drawn again.
+//
+// Functions only, called on the station threads (and by tests and benchmarks
+// on theirs); the lines are values owned by the caller's OverlayPicture or
+// StationDisplay. The language's strings are only read.
 class OverlayTextLayout
 {
 public:
