@@ -134,4 +134,28 @@ int runIsolated(int argc, char* argv[])
     return 1;
 }
 
+bool parseDaemonOptions(const QStringList& arguments, QString& daemon, int& seconds,
+                        const QString& extraName, int& extra)
+{
+    for (int i = 1; i < arguments.size(); ++i) {
+        const QString& option = arguments.at(i);
+        const QString value = arguments.value(i + 1);
+        bool number = true;
+        if (option == QLatin1String("--daemon")) {
+            daemon = value;
+        } else if (option == QLatin1String("--seconds")) {
+            seconds = value.toInt(&number);
+        } else if (option == extraName) {
+            extra = value.toInt(&number);
+        } else {
+            return false;
+        }
+        if (!number || value.isEmpty()) {
+            return false;
+        }
+        ++i;
+    }
+    return true;
+}
+
 } // namespace BenchSupport

@@ -2,6 +2,8 @@
 
 #include <QByteArray>
 #include <QImage>
+#include <QString>
+#include <QStringList>
 
 #include <chrono>
 #include <vector>
@@ -33,6 +35,13 @@ double percentile(std::vector<double> values, double fraction);
 QByteArray rgbMd5(const QImage& picture);
 // "1.00 0.50 0.25": the load averages over 1, 5 and 15 minutes.
 QByteArray loadAverage();
+
+// The options of a benchmark of the built daemon: "--daemon PATH",
+// "--seconds S" and one whole-number option of its own (`extraName`), each
+// given with its value; the numbers keep their defaults unless given. False
+// for anything else, a missing value or a number that is not one.
+bool parseDaemonOptions(const QStringList& arguments, QString& daemon, int& seconds,
+                        const QString& extraName, int& extra);
 
 // True when argv[1] is isolatedOption: the program already runs in the namespace.
 bool isIsolated(int argc, char* argv[]);

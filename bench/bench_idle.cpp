@@ -43,25 +43,9 @@ struct Options
 
 bool parse(const QStringList& arguments, Options& options)
 {
-    for (int i = 1; i < arguments.size(); ++i) {
-        const QString& option = arguments.at(i);
-        const QString value = arguments.value(i + 1);
-        bool number = true;
-        if (option == QLatin1String("--daemon")) {
-            options.daemon = value;
-        } else if (option == QLatin1String("--seconds")) {
-            options.seconds = value.toInt(&number);
-        } else if (option == QLatin1String("--runs")) {
-            options.runs = value.toInt(&number);
-        } else {
-            return false;
-        }
-        if (!number || value.isEmpty()) {
-            return false;
-        }
-        ++i;
-    }
-    return options.seconds > 0 && options.runs > 0;
+    return BenchSupport::parseDaemonOptions(arguments, options.daemon, options.seconds,
+                                            QStringLiteral("--runs"), options.runs) &&
+           options.seconds > 0 && options.runs > 0;
 }
 
 struct Figures

@@ -8,6 +8,7 @@
 //
 // usage: bench_mouse [--daemon PATH] [--seconds S] [--rate HZ]
 
+#include "BenchSupport.h"
 #include "DaemonRunner.h"
 #include "DeviceDescription.h"
 #include "UmockdevTestbed.h"
@@ -34,25 +35,9 @@ struct Options
 
 bool parse(const QStringList& arguments, Options& options)
 {
-    for (int i = 1; i < arguments.size(); ++i) {
-        const QString& option = arguments.at(i);
-        const QString value = arguments.value(i + 1);
-        bool number = true;
-        if (option == QLatin1String("--daemon")) {
-            options.daemon = value;
-        } else if (option == QLatin1String("--seconds")) {
-            options.seconds = value.toInt(&number);
-        } else if (option == QLatin1String("--rate")) {
-            options.rate = value.toInt(&number);
-        } else {
-            return false;
-        }
-        if (!number || value.isEmpty()) {
-            return false;
-        }
-        ++i;
-    }
-    return options.seconds > 0 && options.rate > 0 && options.rate <= 10000;
+    return BenchSupport::parseDaemonOptions(arguments, options.daemon, options.seconds,
+                                            QStringLiteral("--rate"), options.rate) &&
+           options.seconds > 0 && options.rate > 0 && options.rate <= 10000;
 }
 
 // Moves the mouse for `seconds` at `rate` frames a second; returns the frames sent.
