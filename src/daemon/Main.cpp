@@ -114,6 +114,10 @@ int main(int argc, char* argv[])
     }
 
     Orvanta::CrashHandler::install(pidFile);
+    // A write to a display whose server has gone, or has stopped reading,
+    // must fail with EPIPE and cost that station its connection, not end the
+    // daemon. The launcher and the commands it starts get the default back.
+    signal(SIGPIPE, SIG_IGN);
     // SIGHUP asks for a reload. The relay hands signals over only once the
     // event loop runs, when the central object exists.
     std::unique_ptr<Selvane> selvane;

@@ -2,7 +2,7 @@
 // (FakeXServer) listens on a display that the platform configures and answers
 // the setup with a pixmap format of scanline pad 0, a 32767x16385 screen at
 // pad 64, a reply cut short, garbage, a header alone, or counts that point
-// past the reply.
+// past the reply, or that stops reading after a valid setup.
 // Each is refused with one clear line per connection, and meanwhile the
 // daemon stays up, its peak resident memory stays under 256 MB, a key
 // combination typed at another station runs within 300 ms and a real Xvfb
@@ -81,7 +81,7 @@ private Q_SLOTS:
     void aRefusedServer_data()
     {
         QTest::addColumn<QByteArray>("setup");
-        QTest::addColumn<bool>("closeAfterSetup");
+        QTest::addColumn<FakeXServer::AfterSetup>("afterSetup");
         // The expected line, with %1 for the display number.
         QTest::addColumn<QString>("refusal");
         // Whether the line comes once for the one connection: a server that
@@ -89,20 +89,21 @@ private Q_SLOTS:
         // cannot be reached.
         QTest::addColumn<bool>("once");
 
+        constexpr auto serve = FakeXServer::AfterSetup::SERVE;
         const QString noFormat = QStringLiteral("Refusing display :%1: no usable pixmap format");
         const QString malformed = QStringLiteral("Refusing display :%1: its X setup is malformed");
         QTest::newRow("scanline pad 0")
-            << withFormats({{1, 1, 32}, {24, 32, 0}}).bytes() << false << noFormat << true;
+            << withFormats({{1, 1, 32}, {24, 32, 0}}).bytes() << serve << noFormat << true;
         XSetupReply huge = withFormats({{24, 32, 64}});
         huge.width = 32767;
         huge.height = 16385;
         QTest::newRow("32767x16385 at pad 64")
-            << huge.bytes() << false
+            << huge.bytes() << serve
             << QStringLiteral("Refusing display :%1: its screen of 32767x16385 is larger than "
                               "8192x8192")
             << true;
         QTest::newRow("a truncated setup reply")
-            << XSetupReply().bytes().left(100) << true
+            << XSetupReply().bytes().left(100) << FakeXServer::AfterSetup::CLOSE
             << QStringLiteral("Could not get connection to display :%1") << false;
         // A successful setup's header and 248 bytes of noise, whose screen
         // and format counts (255 each) cannot fit.
@@ -112,28 +113,28 @@ private Q_SLOTS:
         }
         garbage[XSetupReply::screenCountOffset] = static_cast<char>(255);
         garbage[XSetupReply::formatCountOffset] = static_cast<char>(255);
-        QTest::newRow("garbage") << garbage << false << malformed << true;
+        QTest::newRow("garbage") << garbage << serve << malformed << true;
         // A successful status and nothing after the header: xcb itself
         // takes it for a failed connection.
         QTest::newRow("a setup of its header alone")
-            << QByteArray::fromHex("01000b0000000000") << false
+            << QByteArray::fromHex("01000b0000000000") << serve
             << QStringLiteral("Could not get connection to display :%1") << false;
         QByteArray lying = XSetupReply().bytes();
         lying[XSetupReply::formatCountOffset] = static_cast<char>(200);
-        QTest::newRow("more formats than the reply holds") << lying << false << malformed << true;
+        QTest::newRow("more formats than the reply holds") << lying << serve << malformed << true;
         lying = XSetupReply().bytes();
         lying[24] = static_cast<char>(0xff);
         lying[25] = static_cast<char>(0xff);
-        QTest::newRow("a vendor longer than the reply") << lying << false << malformed << true;
+        QTest::newRow("a vendor longer than the reply") << lying << serve << malformed << true;
     }
 
     void aRefusedServer()
     {
         QFETCH(QByteArray, setup);
-        QFETCH(bool, closeAfterSetup);
+        QFETCH(FakeXServer::AfterSetup, afterSetup);
         QFETCH(QString, refusal);
         QFETCH(bool, once);
-        FakeXServer server(setup, closeAfterSetup);
+        FakeXServer server(setup, afterSetup);
         QVERIFY(server.start());
         // A display number may come again in a later case, and its lines with it.
         const QString line = refusal.arg(server.number());
@@ -193,6 +194,21 @@ private Q_SLOTS:
         QCOMPARE(server.connections(), 1);
         stillServing();
         endOverlay(display, hostileStation);
+    }
+
+    // A server that stops reading right after a valid setup: every request
+    // the daemon writes fails with EPIPE. That costs the station its
+    // connection, never the daemon its life.
+    void aServerThatStopsReadingAfterItsSetup()
+    {
+        FakeXServer server(XSetupReply().bytes(), FakeXServer::AfterSetup::STOP_READING);
+        QVERIFY(server.start());
+        call("configureKeyboard", {server.number(), hostileStation});
+        // The connection is lost and made anew on a later tick.
+        QVERIFY2(DaemonRunner::waitUntil([&] { return server.connections() >= 2; }),
+                 qPrintable(blackbox->logTail()));
+        stillServing();
+        endOverlay(server.number(), hostileStation);
     }
 
     void aServerOfAnotherAccount()

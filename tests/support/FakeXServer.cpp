@@ -58,8 +58,8 @@ bool writeAll(int fd, const void* data, size_t size)
 
 } // namespace
 
-FakeXServer::FakeXServer(QByteArray setupReply, bool closeAfter)
-    : setup(std::move(setupReply)), closeAfterSetup(closeAfter)
+FakeXServer::FakeXServer(QByteArray setupReply, AfterSetup whatFollows)
+    : setup(std::move(setupReply)), afterSetup(whatFollows)
 {
 }
 
@@ -117,7 +117,9 @@ void FakeXServer::serve()
         {
             const std::lock_guard<std::mutex> lock(mutex);
             for (const Client& client : clients) {
-                polled.push_back({client.fd, POLLIN, 0});
+                if (!client.silent) {
+                    polled.push_back({client.fd, POLLIN, 0});
+                }
             }
         }
         if (poll(polled.data(), polled.size(), -1) < 0) {
@@ -175,10 +177,14 @@ bool FakeXServer::handleInput(Client& client)
         }
         client.input.remove(0, needed);
         if (!writeAll(client.fd, setup.constData(), static_cast<size_t>(setup.size())) ||
-            closeAfterSetup) {
+            afterSetup == AfterSetup::CLOSE) {
             return false;
         }
         client.setupDone = true;
+        if (afterSetup == AfterSetup::STOP_READING) {
+            client.silent = shutdown(client.fd, SHUT_RD) == 0;
+            return client.silent;
+        }
     }
     while (client.input.size() >= 4) {
         const int length = 4 * read16(client.input, 2);

@@ -37,9 +37,19 @@ public:
     static constexpr uint8_t unmapWindowOpcode = 10;
     static constexpr uint8_t putImageOpcode = 72;
 
-    // `setupReply` is sent whole for each setup request; with
-    // `closeAfterSetup` the connection ends right after it.
-    explicit FakeXServer(QByteArray setupReply, bool closeAfterSetup = false);
+    // What becomes of a connection once its setup reply is sent.
+    enum class AfterSetup
+    {
+        SERVE,
+        // The connection ends.
+        CLOSE,
+        // The connection stays open but is never read again: every write of
+        // the client fails with EPIPE (and raises SIGPIPE unless ignored).
+        STOP_READING,
+    };
+
+    // `setupReply` is sent whole for each setup request.
+    explicit FakeXServer(QByteArray setupReply, AfterSetup afterSetup = AfterSetup::SERVE);
     ~FakeXServer();
 
     FakeXServer(const FakeXServer&) = delete;
@@ -64,6 +74,8 @@ private:
         int fd;
         QByteArray input;
         bool setupDone = false;
+        // Shut for reading: left out of the poll, kept open.
+        bool silent = false;
         uint16_t sequence = 0;
     };
 
@@ -73,7 +85,7 @@ private:
     void answer(Client& client, const QByteArray& request);
 
     const QByteArray setup;
-    const bool closeAfterSetup;
+    const AfterSetup afterSetup;
     ListeningDisplay display;
     int stopFd = -1;
     std::thread thread;
