@@ -426,6 +426,7 @@ void AssignmentHandler::updateGrabs()
                     [](const DisplayConfiguration* display) { return display->isPictureShown(); });
     std::vector<UnassignedGrab::DeviceId> unassigned;
     std::vector<UnassignedGrab::DeviceId> held;
+    std::vector<UnassignedGrab::DeviceId> keyDown;
     for (const EventDevice* device : qAsConst(unassignedDevices)) {
         // A claimed device is the assigned side's from now on, whenever it gets to open it.
         if (device->getFd() != -1 && !devicesToRemove.contains(device->getDeviceFileName())) {
@@ -433,9 +434,13 @@ void AssignmentHandler::updateGrabs()
         }
         if (device->isGrabbed()) {
             held.push_back(device->getId());
+        } else if (overlayDrawn && device->isAnyKeyDown()) {
+            // Asked again once the key's release has been read.
+            keyDown.push_back(device->getId());
         }
     }
-    for (const UnassignedGrab::Change& change : grab->changes(overlayDrawn, unassigned, held)) {
+    for (const UnassignedGrab::Change& change :
+         grab->changes(overlayDrawn, unassigned, held, keyDown)) {
         const auto found = std::find_if(
             unassignedDevices.begin(), unassignedDevices.end(),
             [&change](const EventDevice* device) { return device->getId() == change.device; });

@@ -11,7 +11,8 @@ bool contains(const std::vector<UnassignedGrab::DeviceId>& devices, UnassignedGr
 
 std::vector<UnassignedGrab::Change> UnassignedGrab::changes(bool overlayDrawn,
                                                             const std::vector<DeviceId>& unassigned,
-                                                            const std::vector<DeviceId>& held)
+                                                            const std::vector<DeviceId>& held,
+                                                            const std::vector<DeviceId>& keyDown)
 {
     // The overlay period is over: the next one tries every device again.
     if (!overlayDrawn) {
@@ -27,7 +28,8 @@ std::vector<UnassignedGrab::Change> UnassignedGrab::changes(bool overlayDrawn,
         return result;
     }
     for (DeviceId device : unassigned) {
-        if (!contains(held, device) && !contains(refusedDevices, device)) {
+        if (!contains(held, device) && !contains(refusedDevices, device) &&
+            !contains(keyDown, device)) {
             result.push_back({device, true});
         }
     }

@@ -9,6 +9,10 @@
 // is on a screen; it is let go when it leaves the unassigned set or when no overlay is drawn
 // any more.
 //
+// A device is not taken while a key of it is down: the session that saw the key go down would
+// never see it go up, and would repeat it until the device is let go. It is taken at the next
+// change once its keys are up.
+//
 // A device whose grab was refused (another program holds it) is not tried again until the next
 // overlay period, that is until no overlay was drawn for a moment: a refusal is logged once,
 // not at every update.
@@ -33,10 +37,11 @@ public:
     };
 
     // The grabs to take and to release, given whether an overlay is drawn, the devices that
-    // are unassigned now and those that are held now. Releases come first, each list in the
-    // order of its argument.
+    // are unassigned now, those that are held now and those with a key down now. Releases come
+    // first, each list in the order of its argument.
     std::vector<Change> changes(bool overlayDrawn, const std::vector<DeviceId>& unassigned,
-                                const std::vector<DeviceId>& held);
+                                const std::vector<DeviceId>& held,
+                                const std::vector<DeviceId>& keyDown);
     // The device could not be taken: it is left alone for the rest of this overlay period.
     void refused(DeviceId device);
 

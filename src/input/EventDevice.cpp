@@ -271,6 +271,18 @@ bool EventDevice::setGrabbed(bool grab)
     return true;
 }
 
+bool EventDevice::isAnyKeyDown() const
+{
+    if (fd == -1) {
+        return false;
+    }
+    std::array<unsigned char, KEY_MAX / 8 + 1> keys{};
+    if (ioctl(fd, EVIOCGKEY(keys.size()), keys.data()) == -1) {
+        return false;
+    }
+    return std::any_of(keys.begin(), keys.end(), [](unsigned char bits) { return bits != 0; });
+}
+
 void EventDevice::deleteClosedEventDevices(QVector<EventDevice*>& devices)
 {
     for (auto it = devices.begin(); it != devices.end();) {

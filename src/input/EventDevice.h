@@ -82,6 +82,9 @@ public:
     // kernel refuses (another program holds the device); a closed device is never taken.
     bool setGrabbed(bool grabbed);
     bool isGrabbed() const { return grabbed; }
+    // Whether the kernel reports a key or button of the device as down now (EVIOCGKEY); false
+    // for a closed device.
+    bool isAnyKeyDown() const;
 
     static void deleteClosedEventDevices(QVector<EventDevice*>& devices);
 
