@@ -29,11 +29,6 @@ public:
         DeviceId device = 0;
         // True: take the device; false: let it go.
         bool hold = false;
-
-        bool operator==(const Change& other) const
-        {
-            return device == other.device && hold == other.hold;
-        }
     };
 
     // The grabs to take and to release, given whether an overlay is drawn, the devices that
