@@ -130,11 +130,8 @@ private Q_SLOTS:
 
     void aLostDisplayLetsGo()
     {
-        bed->recreateCentral(true);
-        const QString node = addUnassignedKeyboard();
+        const QString node = grabbedKeyboardUnderAnOverlay();
         QVERIFY(!node.isEmpty());
-        QVERIFY(showOverlay());
-        QVERIFY(DaemonRunner::waitUntil([&] { return device(node)->isGrabbed(); }));
         server->kill();
         // The next update finds the connection gone.
         QVERIFY(updateUntil([&] { return !device(node)->isGrabbed(); }));
@@ -143,11 +140,8 @@ private Q_SLOTS:
 
     void aDeviceRemovedByThePlatformIsLetGo()
     {
-        bed->recreateCentral(true);
-        const QString node = addUnassignedKeyboard();
+        const QString node = grabbedKeyboardUnderAnOverlay();
         QVERIFY(!node.isEmpty());
-        QVERIFY(showOverlay());
-        QVERIFY(DaemonRunner::waitUntil([&] { return device(node)->isGrabbed(); }));
         bed->getLog().clear();
         assignment().removeUnassignedDevice(node);
         verifyLine("Released device " + node);
@@ -158,11 +152,8 @@ private Q_SLOTS:
 
     void theEndOfTheDaemonLetsGo()
     {
-        bed->recreateCentral(true);
-        const QString node = addUnassignedKeyboard();
+        const QString node = grabbedKeyboardUnderAnOverlay();
         QVERIFY(!node.isEmpty());
-        QVERIFY(showOverlay());
-        QVERIFY(DaemonRunner::waitUntil([&] { return device(node)->isGrabbed(); }));
         bed->getLog().clear();
         bed->recreateCentral();
         verifyLine("Released device " + node);
@@ -191,6 +182,19 @@ private:
     }
 
     EventDevice* device(const QString& node) { return assignment().getEventDevice(node); }
+
+    // A daemon that grabs, one unassigned keyboard and the station's overlay on the screen:
+    // the keyboard once it is grabbed, empty when any of it failed.
+    QString grabbedKeyboardUnderAnOverlay()
+    {
+        bed->recreateCentral(true);
+        const QString node = addUnassignedKeyboard();
+        if (node.isEmpty() || !showOverlay() ||
+            !DaemonRunner::waitUntil([&] { return device(node)->isGrabbed(); })) {
+            return QString();
+        }
+        return node;
+    }
 
     // Has the Xvfb station ask for its key and waits until its picture is on the screen.
     bool showOverlay()
