@@ -15,9 +15,11 @@
 #include <QFile>
 #include <QtTest>
 
+#include <algorithm>
 #include <csignal>
 #include <linux/input-event-codes.h>
 #include <memory>
+#include <unistd.h>
 
 namespace {
 constexpr int station = 3;
@@ -358,9 +360,23 @@ int ReloadBlackboxTest::matchingLines(const QRegularExpression& line) const
 
 int ReloadBlackboxTest::openDescriptors() const
 {
-    return static_cast<int>(QDir(QStringLiteral("/proc/%1/fd").arg(daemon))
-                                .entryList(QDir::NoDotAndDotDot | QDir::System)
-                                .size());
+    // The daemon holds a command's pidfd until it has seen the command end, which may be a
+    // moment after the command's output is written; the count is taken once it holds none.
+    // The commands here end at once, so a pidfd still open after the wait was leaked (-1).
+    const QDir descriptors(QStringLiteral("/proc/%1/fd").arg(daemon));
+    const auto heldCommands = [&] {
+        const QStringList links = descriptors.entryList(QDir::NoDotAndDotDot | QDir::System);
+        return std::count_if(links.begin(), links.end(), [&](const QString& link) {
+            const QByteArray path = QFile::encodeName(descriptors.filePath(link));
+            char target[64] = {};
+            const ssize_t length = readlink(path.constData(), target, sizeof target - 1);
+            return length > 0 && QByteArray(target, int(length)) == "anon_inode:[pidfd]";
+        });
+    };
+    if (!DaemonRunner::waitUntil([&] { return heldCommands() == 0; }, 10000)) {
+        return -1;
+    }
+    return static_cast<int>(descriptors.entryList(QDir::NoDotAndDotDot | QDir::System).size());
 }
 
 // Skipped (77) without a private mount namespace, dbus-daemon or umockdev.

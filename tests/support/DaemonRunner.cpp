@@ -370,10 +370,9 @@ bool DaemonRunner::waitUntil(const std::function<bool()>& condition, int timeout
 
 QStringList DaemonRunner::readLines(const QString& fileName)
 {
+    // What follows the last line end is empty, or a line still being written.
     QStringList lines = QString::fromLatin1(readFile(fileName)).split(QLatin1Char('\n'));
-    if (!lines.isEmpty() && lines.last().isEmpty()) {
-        lines.removeLast();
-    }
+    lines.removeLast();
     return lines;
 }
 

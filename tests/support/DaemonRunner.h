@@ -131,7 +131,8 @@ public:
     // "File:function:line" where the line matters) and message.
     static QRegularExpression logLine(const QString& level, const QString& place,
                                       const QString& message);
-    // The file's lines without their line ends.
+    // The file's complete lines without their line ends: a line still being written (no line
+    // end yet) is left out, so that a test never takes a command's or the log's half line.
     static QStringList readLines(const QString& fileName);
     // Waits until a line of the file matches; true if one did in time.
     static bool waitForLine(const QString& fileName, const QRegularExpression& pattern,
