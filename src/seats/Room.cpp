@@ -87,7 +87,8 @@ void Room::updateStations(const QVector<SeatInfo>& seats)
             continue;
         }
         const DisplayChoice choice = chooseDisplay(*seat, config);
-        stations.append({seat->name, number, choice.displayId, choice.reason});
+        stations.append({seat->name, number, choice.displayId, choice.reason, seat->sessionType,
+                         seat->sessionUid});
     }
     std::sort(stations.begin(), stations.end(),
               [](const Station& a, const Station& b) { return a.number < b.number; });

@@ -20,6 +20,10 @@ struct Station
     int displayId = -1;
     // How the display was found, or why there is none; for the log.
     QString displayReason;
+    // The seat's active session: its Type ("x11", "wayland", "tty"; empty for
+    // none) and its user's uid (-1 for none), whose language the prompts use.
+    QString sessionType;
+    qint64 sessionUid = -1;
 };
 
 // One keyboard or mouse that logind can attach to a seat.

@@ -263,6 +263,20 @@ private Q_SLOTS:
                  counts);
     }
 
+    void aStationKnowsItsSession()
+    {
+        SeatsConfig config;
+        SeatNumbers numbers(dir.filePath(QStringLiteral("numbers-session")));
+        Room room(numbers, config);
+        SystemSnapshot snapshot = snapshotFrom({"seat0 x11 user :0", "seat1 none"});
+        snapshot.seats[0].sessionUid = 1001;
+        room.update(snapshot);
+        QCOMPARE(room.findStationOnDisplay(0)->sessionType, QStringLiteral("x11"));
+        QCOMPARE(room.findStationOnDisplay(0)->sessionUid, qint64(1001));
+        QCOMPARE(room.findStationOfSeat(QStringLiteral("seat1"))->sessionType, QString());
+        QCOMPARE(room.findStationOfSeat(QStringLiteral("seat1"))->sessionUid, qint64(-1));
+    }
+
     void aStationHasWhatIsAssignedToIt()
     {
         SeatsConfig config;
