@@ -81,12 +81,3 @@ QString DaemonCall::toString() const
     }
     return getMethodName() + "(" + texts.join(QStringLiteral(", ")) + ")";
 }
-
-QStringList describe(const DaemonCalls& calls)
-{
-    QStringList texts;
-    for (const DaemonCall& call : calls) {
-        texts << call.toString();
-    }
-    return texts;
-}

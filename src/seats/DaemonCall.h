@@ -50,6 +50,3 @@ struct DaemonCall
 };
 
 using DaemonCalls = QVector<DaemonCall>;
-
-// The calls as their toString() texts.
-QStringList describe(const DaemonCalls& calls);

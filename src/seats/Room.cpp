@@ -235,17 +235,3 @@ DeviceCounts Room::getCounts() const
     }
     return counts;
 }
-
-bool Room::hasKeyboard(int station) const
-{
-    return std::any_of(devices.cbegin(), devices.cend(), [station](const RoomDevice& device) {
-        return device.keyboard && device.isAssigned() && device.station == station;
-    });
-}
-
-bool Room::hasMouse(int station) const
-{
-    return std::any_of(devices.cbegin(), devices.cend(), [station](const RoomDevice& device) {
-        return device.mouse && device.isAssigned() && device.station == station;
-    });
-}

@@ -85,9 +85,6 @@ public:
     const QVector<RoomDevice>& getDevices() const { return devices; }
     const RoomDevice* findDevice(const QString& path) const;
     DeviceCounts getCounts() const;
-    bool hasKeyboard(int station) const;
-    bool hasMouse(int station) const;
-    const SeatsConfig& getConfig() const { return config; }
 
     // What AttachDevice is given for an event node: the port udev found, or
     // else the syspath's inputN parent ("/sys/.../input/input7" for

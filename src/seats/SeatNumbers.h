@@ -39,7 +39,6 @@ public:
     int find(const QString& seat) const;
     bool isChanged() const { return changed; }
     const QMap<QString, int>& getNumbers() const { return numbers; }
-    QString getStateFile() const { return stateFile; }
 
     // A name as logind makes seat names: letters, digits, "_" and "-".
     static bool isSeatName(const QString& name);

@@ -277,20 +277,6 @@ private Q_SLOTS:
         QCOMPARE(room.findStationOfSeat(QStringLiteral("seat1"))->sessionUid, qint64(-1));
     }
 
-    void aStationHasWhatIsAssignedToIt()
-    {
-        SeatsConfig config;
-        SeatNumbers numbers(dir.filePath(QStringLiteral("numbers-has")));
-        Room room(numbers, config);
-        room.update(
-            snapshotFrom({"seat0 none", "seat1 none"},
-                         {"event1 keyboard seat1", "event2 mouse -", "event3 mouse seat0"}));
-        QVERIFY(room.hasKeyboard(1));
-        QVERIFY(!room.hasMouse(1));
-        QVERIFY(!room.hasKeyboard(0));
-        QVERIFY(room.hasMouse(0));
-    }
-
     void ports_data()
     {
         QTest::addColumn<QString>("port");
