@@ -64,12 +64,15 @@ bool SeatNumbers::load()
 {
     numbers.clear();
     changed = false;
+    unreadable = false;
     QFile file(stateFile);
     if (!file.exists()) {
         return true;
     }
     if (!file.open(QIODevice::ReadOnly)) {
-        SELVANE_LOG(LEVEL_ERROR, "Could not read " + stateFile + ": " + file.errorString());
+        SELVANE_LOG(LEVEL_ERROR, "Could not read " + stateFile + ": " + file.errorString() +
+                                     "; the numbers given until it can be read are not kept");
+        unreadable = true;
         return false;
     }
     QSet<int> taken;
@@ -97,6 +100,9 @@ bool SeatNumbers::load()
 
 bool SeatNumbers::save()
 {
+    if (unreadable) {
+        return false;
+    }
     if (!changed) {
         return true;
     }

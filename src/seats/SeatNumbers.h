@@ -30,6 +30,8 @@ public:
     // file exists but cannot be read. A missing file gives an empty record.
     bool load();
     // Writes the record when it changed; true when the file is up to date.
+    // After a failed load() nothing is written (false): the numbers in the
+    // unreadable file are still the seats' and must not be overwritten.
     bool save();
 
     // The seat's number, given now if the seat has none; -1 (logged) for a
@@ -47,4 +49,5 @@ private:
     QString stateFile;
     QMap<QString, int> numbers;
     bool changed = false;
+    bool unreadable = false;
 };

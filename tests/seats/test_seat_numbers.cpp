@@ -203,6 +203,24 @@ private Q_SLOTS:
         QVERIFY(!numbers.isChanged());
     }
 
+    void anUnreadableFileIsNeverOverwritten()
+    {
+        // Whoever runs the test, a directory cannot be read as a file.
+        QVERIFY(QDir().mkpath(file()));
+        SeatNumbers numbers(file());
+        QVERIFY(!numbers.load());
+        QCOMPARE(log.entries().size(), 1);
+        QCOMPARE(log.entries().first().level, Orvanta::Logger::LEVEL_ERROR);
+        QVERIFY(log.entries().first().message.startsWith("Could not read " + file() + ": "));
+        QVERIFY(log.entries().first().message.endsWith(
+            "; the numbers given until it can be read are not kept"));
+        QCOMPARE(numbers.numberOf(QStringLiteral("seat1")), 1);
+        log.clear();
+        QVERIFY(!numbers.save());
+        QVERIFY(log.entries().isEmpty());
+        QVERIFY(QFileInfo(file()).isDir());
+    }
+
     void seatNames_data()
     {
         QTest::addColumn<QString>("name");
