@@ -50,7 +50,10 @@ struct ClaimOutcome
 //   holds the mouse button is first sent back to the keyboard step, which
 //   makes the daemon hand the button to the next display waiting for it.
 // A station is left alone while a claim for it is being attached or waits
-// for its retry.
+// for its retry. The daemon expects configureMouse after its own keyboard
+// step; where a station got its keyboard otherwise (a reboot, loginctl
+// attach, a port), the daemon notes the unexpected state at Bug level and
+// goes on, as nothing else leads to the mouse step.
 //
 // Claims: an accepted claim returns the port to attach; the caller reports
 // the result with attachSucceeded() (after the room shows the device's
