@@ -9,6 +9,8 @@ namespace Orvanta {
 PendingCallGroup::PendingCallGroup(int boundMs, QObject* parent) : QObject(parent)
 {
     bound.setSingleShot(true);
+    // A coarse timer may fire up to 5 % early: a caller is given its whole bound.
+    bound.setTimerType(Qt::PreciseTimer);
     bound.setInterval(boundMs);
     connect(&bound, &QTimer::timeout, this, &PendingCallGroup::finish);
 }
