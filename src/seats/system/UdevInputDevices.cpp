@@ -33,6 +33,15 @@ DeviceRecord recordOf(udev_device* device)
     {
         record.tags.append(text(udev_list_entry_get_name(entry)));
     }
+    // udev also gives the tags as the property TAGS (":seat:master-of-seat:"),
+    // which is all that an emulated udev database may hold of them.
+    const QStringList tagProperty =
+        record.properties.value(QStringLiteral("TAGS")).split(QLatin1Char(':'), Qt::SkipEmptyParts);
+    for (const QString& tag : tagProperty) {
+        if (!record.tags.contains(tag)) {
+            record.tags.append(tag);
+        }
+    }
     record.hasIdVendor = udev_device_get_sysattr_value(device, "idVendor") != nullptr;
     record.nameAttribute = text(udev_device_get_sysattr_value(device, "name"));
     return record;
