@@ -52,31 +52,32 @@ void AccountLocale::localeFor(qint64 uid, Answer answer)
     find.setArguments({uid});
     sendBusCall(connection, find, callTimeoutMs, this,
                 [this, uid, answer = std::move(answer)](const QDBusMessage& reply) mutable {
-                    if (reply.type() != QDBusMessage::ReplyMessage) {
-                        SELVANE_LOG(LEVEL_DEBUG, "AccountsService knows no user %lld: %s",
-                                    static_cast<long long>(uid), qPrintable(busErrorText(reply)));
-                        askSystem(std::move(answer));
-                        return;
-                    }
-                    const auto path = qdbus_cast<QDBusObjectPath>(reply.arguments().value(0));
-                    askUser(path.path(), std::move(answer));
+                    userFound(uid, reply, std::move(answer));
                 });
 }
 
-void AccountLocale::askUser(const QString& userPath, Answer answer)
+void AccountLocale::userFound(qint64 uid, const QDBusMessage& reply, Answer answer)
 {
-    sendBusCall(
-        connection,
-        propertyCall(accountsService, userPath, QStringLiteral("org.freedesktop.Accounts.User"),
-                     QStringLiteral("Language")),
-        callTimeoutMs, this, [this, answer = std::move(answer)](const QDBusMessage& reply) mutable {
-            const QString language = propertyValue(reply).toString();
-            if (language.isEmpty()) {
-                askSystem(std::move(answer));
-                return;
-            }
-            answer(language);
-        });
+    if (reply.type() != QDBusMessage::ReplyMessage) {
+        SELVANE_LOG(LEVEL_DEBUG, "AccountsService knows no user %lld: %s",
+                    static_cast<long long>(uid), qPrintable(busErrorText(reply)));
+        askSystem(std::move(answer));
+        return;
+    }
+    const QString userPath = qdbus_cast<QDBusObjectPath>(reply.arguments().value(0)).path();
+    sendBusCall(connection,
+                propertyCall(accountsService, userPath,
+                             QStringLiteral("org.freedesktop.Accounts.User"),
+                             QStringLiteral("Language")),
+                callTimeoutMs, this,
+                [this, answer = std::move(answer)](const QDBusMessage& languageReply) mutable {
+                    const QString language = propertyValue(languageReply).toString();
+                    if (language.isEmpty()) {
+                        askSystem(std::move(answer));
+                        return;
+                    }
+                    answer(language);
+                });
 }
 
 void AccountLocale::askSystem(Answer answer)
@@ -85,17 +86,22 @@ void AccountLocale::askSystem(Answer answer)
                 propertyCall(localeService, QStringLiteral("/org/freedesktop/locale1"),
                              localeService, QStringLiteral("Locale")),
                 callTimeoutMs, this, [answer = std::move(answer)](const QDBusMessage& reply) {
-                    if (reply.type() != QDBusMessage::ReplyMessage) {
-                        SELVANE_LOG(LEVEL_WARNING, "Cannot read the system's locale: %s",
-                                    qPrintable(busErrorText(reply)));
-                    }
-                    const QString lang = QStringLiteral("LANG=");
-                    for (const QString& entry : propertyValue(reply).toStringList()) {
-                        if (entry.startsWith(lang)) {
-                            answer(entry.mid(lang.size()));
-                            return;
-                        }
-                    }
-                    answer(QString());
+                    systemAnswered(reply, answer);
                 });
+}
+
+void AccountLocale::systemAnswered(const QDBusMessage& reply, const Answer& answer)
+{
+    if (reply.type() != QDBusMessage::ReplyMessage) {
+        SELVANE_LOG(LEVEL_WARNING, "Cannot read the system's locale: %s",
+                    qPrintable(busErrorText(reply)));
+    }
+    const QString lang = QStringLiteral("LANG=");
+    for (const QString& entry : propertyValue(reply).toStringList()) {
+        if (entry.startsWith(lang)) {
+            answer(entry.mid(lang.size()));
+            return;
+        }
+    }
+    answer(QString());
 }

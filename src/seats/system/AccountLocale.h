@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QDBusConnection>
+#include <QDBusMessage>
 #include <QObject>
 #include <QString>
 
@@ -34,8 +35,10 @@ public:
     void localeFor(qint64 uid, Answer answer);
 
 private:
-    void askUser(const QString& userPath, Answer answer);
+    // FindUserById's answer: then the user's Language, else the system's.
+    void userFound(qint64 uid, const QDBusMessage& reply, Answer answer);
     void askSystem(Answer answer);
+    static void systemAnswered(const QDBusMessage& reply, const Answer& answer);
 
     QDBusConnection connection;
     const int callTimeoutMs;

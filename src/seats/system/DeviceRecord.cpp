@@ -44,7 +44,7 @@ QString unquoted(const QString& text)
 
 QString nameOf(const DeviceRecord& node, const QVector<DeviceRecord>& ancestors)
 {
-    const QString own = unquoted(node.properties.value(QStringLiteral("NAME")));
+    QString own = unquoted(node.properties.value(QStringLiteral("NAME")));
     if (!own.isEmpty()) {
         return own;
     }

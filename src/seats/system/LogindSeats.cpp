@@ -128,86 +128,90 @@ void LogindSeats::requestReading()
     reading = true;
     readAgain = false;
     sendBusCall(connection, call(managerPath, managerInterface, QStringLiteral("ListSeats"), {}),
-                callTimeoutMs, this, [this](const QDBusMessage& reply) {
-                    if (!isReply(reply)) {
-                        SELVANE_LOG(LEVEL_WARNING, "Cannot list logind's seats: %s",
-                                    qPrintable(busErrorText(reply)));
-                        finishReading(nullptr);
-                        return;
-                    }
-                    const auto refs =
-                        qdbus_cast<QList<LogindObjectRef>>(reply.arguments().value(0));
-                    auto found = std::make_shared<Reading>();
-                    for (const LogindObjectRef& ref : refs) {
-                        SeatInfo seat;
-                        seat.name = ref.id;
-                        found->seats.append(seat);
-                        found->paths.append(ref.path.path());
-                    }
-                    found->outstanding = static_cast<int>(found->seats.size());
-                    if (found->outstanding == 0) {
-                        finishReading(&found->seats);
-                        return;
-                    }
-                    for (int index = 0; index < found->seats.size(); ++index) {
-                        readSeat(found, index);
-                    }
-                });
+                callTimeoutMs, this, [this](const QDBusMessage& reply) { seatsListed(reply); });
 }
 
-void LogindSeats::readSeat(const std::shared_ptr<Reading>& found, int index)
+void LogindSeats::seatsListed(const QDBusMessage& reply)
 {
-    sendBusCall(connection,
-                call(found->paths.at(index), propertiesInterface, QStringLiteral("GetAll"),
-                     {seatInterface}),
-                callTimeoutMs, this, [this, found, index](const QDBusMessage& reply) {
-                    SeatInfo& seat = found->seats[index];
-                    if (!isReply(reply)) {
-                        SELVANE_LOG(LEVEL_WARNING, "Cannot read logind's seat %s: %s",
-                                    qPrintable(seat.name), qPrintable(busErrorText(reply)));
-                        seat = previous(seat.name);
-                        seatDone(found);
-                        return;
-                    }
-                    const QVariantMap properties = propertiesOf(reply);
-                    seat.canGraphical = properties.value(QStringLiteral("CanGraphical")).toBool();
-                    const auto active = qdbus_cast<LogindObjectRef>(
-                        properties.value(QStringLiteral("ActiveSession")));
-                    if (active.id.isEmpty() || active.path.path() == QLatin1String("/")) {
-                        seatDone(found);
-                        return;
-                    }
-                    readSession(found, index, active.path.path());
-                });
+    if (!isReply(reply)) {
+        SELVANE_LOG(LEVEL_WARNING, "Cannot list logind's seats: %s",
+                    qPrintable(busErrorText(reply)));
+        finishReading(nullptr);
+        return;
+    }
+    const auto refs = qdbus_cast<QList<LogindObjectRef>>(reply.arguments().value(0));
+    auto found = std::make_shared<Reading>();
+    for (const LogindObjectRef& ref : refs) {
+        SeatInfo seat;
+        seat.name = ref.id;
+        found->seats.append(seat);
+        found->paths.append(ref.path.path());
+    }
+    found->outstanding = static_cast<int>(found->seats.size());
+    if (found->outstanding == 0) {
+        finishReading(&found->seats);
+        return;
+    }
+    for (int index = 0; index < found->seats.size(); ++index) {
+        sendBusCall(connection,
+                    call(found->paths.at(index), propertiesInterface, QStringLiteral("GetAll"),
+                         {seatInterface}),
+                    callTimeoutMs, this, [this, found, index](const QDBusMessage& seatReply) {
+                        seatRead(found, index, seatReply);
+                    });
+    }
 }
 
-void LogindSeats::readSession(const std::shared_ptr<Reading>& found, int index, const QString& path)
+void LogindSeats::seatRead(const std::shared_ptr<Reading>& found, int index,
+                           const QDBusMessage& reply)
 {
+    SeatInfo& seat = found->seats[index];
+    if (!isReply(reply)) {
+        SELVANE_LOG(LEVEL_WARNING, "Cannot read logind's seat %s: %s", qPrintable(seat.name),
+                    qPrintable(busErrorText(reply)));
+        seat = previous(seat.name);
+        seatDone(found);
+        return;
+    }
+    const QVariantMap properties = propertiesOf(reply);
+    seat.canGraphical = properties.value(QStringLiteral("CanGraphical")).toBool();
+    const auto active =
+        qdbus_cast<LogindObjectRef>(properties.value(QStringLiteral("ActiveSession")));
+    if (active.id.isEmpty() || active.path.path() == QLatin1String("/")) {
+        seatDone(found);
+        return;
+    }
+    const QString path = active.path.path();
     sendBusCall(connection,
                 call(path, propertiesInterface, QStringLiteral("GetAll"), {sessionInterface}),
-                callTimeoutMs, this, [this, found, index, path](const QDBusMessage& reply) {
-                    SeatInfo& seat = found->seats[index];
-                    if (!isReply(reply)) {
-                        SELVANE_LOG(LEVEL_WARNING, "Cannot read logind's session %s: %s",
-                                    qPrintable(path), qPrintable(busErrorText(reply)));
-                        const SeatInfo known = previous(seat.name);
-                        seat.sessionDisplay = known.sessionDisplay;
-                        seat.sessionType = known.sessionType;
-                        seat.sessionClass = known.sessionClass;
-                        seat.sessionUid = known.sessionUid;
-                        seatDone(found);
-                        return;
-                    }
-                    const QVariantMap properties = propertiesOf(reply);
-                    seat.sessionDisplay = properties.value(QStringLiteral("Display")).toString();
-                    seat.sessionType = properties.value(QStringLiteral("Type")).toString();
-                    seat.sessionClass = properties.value(QStringLiteral("Class")).toString();
-                    if (properties.contains(QStringLiteral("User"))) {
-                        seat.sessionUid =
-                            qdbus_cast<LogindUserRef>(properties.value(QStringLiteral("User"))).uid;
-                    }
-                    seatDone(found);
+                callTimeoutMs, this, [this, found, index, path](const QDBusMessage& sessionReply) {
+                    sessionRead(found, index, path, sessionReply);
                 });
+}
+
+void LogindSeats::sessionRead(const std::shared_ptr<Reading>& found, int index, const QString& path,
+                              const QDBusMessage& reply)
+{
+    SeatInfo& seat = found->seats[index];
+    if (!isReply(reply)) {
+        SELVANE_LOG(LEVEL_WARNING, "Cannot read logind's session %s: %s", qPrintable(path),
+                    qPrintable(busErrorText(reply)));
+        const SeatInfo known = previous(seat.name);
+        seat.sessionDisplay = known.sessionDisplay;
+        seat.sessionType = known.sessionType;
+        seat.sessionClass = known.sessionClass;
+        seat.sessionUid = known.sessionUid;
+        seatDone(found);
+        return;
+    }
+    const QVariantMap properties = propertiesOf(reply);
+    seat.sessionDisplay = properties.value(QStringLiteral("Display")).toString();
+    seat.sessionType = properties.value(QStringLiteral("Type")).toString();
+    seat.sessionClass = properties.value(QStringLiteral("Class")).toString();
+    if (properties.contains(QStringLiteral("User"))) {
+        seat.sessionUid = qdbus_cast<LogindUserRef>(properties.value(QStringLiteral("User"))).uid;
+    }
+    seatDone(found);
 }
 
 void LogindSeats::seatDone(const std::shared_ptr<Reading>& found)
@@ -258,15 +262,20 @@ void LogindSeats::attachDevice(const QString& seat, const QString& syspath, Atta
         connection,
         call(managerPath, managerInterface, QStringLiteral("AttachDevice"), {seat, syspath, false}),
         attachTimeoutMs, this, [seat, syspath, done = std::move(done)](const QDBusMessage& reply) {
-            if (isReply(reply)) {
-                SELVANE_LOG(LEVEL_INFO, "logind attached %s to %s", qPrintable(syspath),
-                            qPrintable(seat));
-                done(true, QString());
-                return;
-            }
-            const QString error = busErrorText(reply);
-            SELVANE_LOG(LEVEL_WARNING, "logind did not attach %s to %s: %s", qPrintable(syspath),
-                        qPrintable(seat), qPrintable(error));
-            done(false, error);
+            attachAnswered(seat, syspath, reply, done);
         });
+}
+
+void LogindSeats::attachAnswered(const QString& seat, const QString& syspath,
+                                 const QDBusMessage& reply, const AttachDone& done)
+{
+    if (isReply(reply)) {
+        SELVANE_LOG(LEVEL_INFO, "logind attached %s to %s", qPrintable(syspath), qPrintable(seat));
+        done(true, QString());
+        return;
+    }
+    const QString error = busErrorText(reply);
+    SELVANE_LOG(LEVEL_WARNING, "logind did not attach %s to %s: %s", qPrintable(syspath),
+                qPrintable(seat), qPrintable(error));
+    done(false, error);
 }

@@ -69,10 +69,16 @@ private Q_SLOTS:
 private:
     struct Reading;
 
+    // The answers' handlers: the list of seats, a seat's and a session's
+    // properties, and AttachDevice.
     void requestReading();
-    void readSeat(const std::shared_ptr<Reading>& reading, int index);
-    void readSession(const std::shared_ptr<Reading>& reading, int index, const QString& path);
-    void seatDone(const std::shared_ptr<Reading>& reading);
+    void seatsListed(const QDBusMessage& reply);
+    void seatRead(const std::shared_ptr<Reading>& found, int index, const QDBusMessage& reply);
+    void sessionRead(const std::shared_ptr<Reading>& found, int index, const QString& path,
+                     const QDBusMessage& reply);
+    static void attachAnswered(const QString& seat, const QString& syspath,
+                               const QDBusMessage& reply, const AttachDone& done);
+    void seatDone(const std::shared_ptr<Reading>& found);
     void finishReading(const QVector<SeatInfo>* found);
     SeatInfo previous(const QString& name) const;
 
