@@ -232,6 +232,33 @@ private Q_SLOTS:
         QVERIFY(!ruleExists(ruleName(usbTag(3))));
     }
 
+    void aDeviceThatStillShowsTheSeatWithoutRuleIsEvaluatedAgain()
+    {
+        const SystemSnapshot snapshot = room();
+        QVERIFY(QFile::remove(QDir(rulesDir).filePath(ruleName(usbTag(2)))));
+        const SeatRules::Release result =
+            SeatRules(rulesDir).release(QStringLiteral("seat1"), snapshot);
+        QCOMPARE(result.errors, QStringList());
+        QCOMPARE(result.removedFiles, QStringList{QDir(rulesDir).filePath(ruleName(usbTag(3)))});
+        const InputDeviceInfo& keyboardB = snapshot.inputDevices.at(1);
+        const InputDeviceInfo& mouseB = snapshot.inputDevices.at(2);
+        QCOMPARE(
+            result.retriggered,
+            (QStringList{mouseB.port, QFileInfo(mouseB.syspath).path(), mouseB.syspath,
+                         keyboardB.port, QFileInfo(keyboardB.syspath).path(), keyboardB.syspath}));
+
+        // Released twice: nothing to remove, the devices that show seat1 again.
+        const SeatRules::Release again =
+            SeatRules(rulesDir).release(QStringLiteral("seat1"), snapshot);
+        QVERIFY(again.removedFiles.isEmpty());
+        QCOMPARE(
+            again.retriggered,
+            (QStringList{keyboardB.port, QFileInfo(keyboardB.syspath).path(), keyboardB.syspath,
+                         mouseB.port, QFileInfo(mouseB.syspath).path(), mouseB.syspath}));
+        // Keyboard A shows seat0, whose rule stays: never touched.
+        QCOMPARE(ueventOf(snapshot.inputDevices.at(0).syspath), QByteArray());
+    }
+
     void aNameThatIsNoSeatChangesNothing()
     {
         const SystemSnapshot snapshot = room();

@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
+#include <QSet>
 
 #include <algorithm>
 #include <cerrno>
@@ -69,16 +70,22 @@ void appendOnce(QStringList& list, const QString& item)
     }
 }
 
-// The syspaths udev has to evaluate again once the rule with this tag is
-// gone, parents before children.
+// The syspaths udev has to evaluate again for the device, parents before
+// children: its port, its inputN device and its event node.
+void appendPathsOf(QStringList& paths, const InputDeviceInfo& device)
+{
+    appendOnce(paths, device.port);
+    appendOnce(paths, QFileInfo(device.syspath).path());
+    appendOnce(paths, device.syspath);
+}
+
+// Those of every keyboard and mouse that the rule with this tag places.
 QStringList devicesOf(const QString& forSeat, const SystemSnapshot& snapshot)
 {
     QStringList paths;
     for (const InputDeviceInfo& device : snapshot.inputDevices) {
         if (isKeyboardOrMouseOf(device, forSeat)) {
-            appendOnce(paths, device.port);
-            appendOnce(paths, QFileInfo(device.syspath).path()); // the inputN parent
-            appendOnce(paths, device.syspath);
+            appendPathsOf(paths, device);
         }
     }
     return paths;
@@ -171,6 +178,19 @@ SeatRules::Release SeatRules::release(const QString& seat, const SystemSnapshot&
         result.removedFiles.append(path);
         for (const QString& device : devices) {
             appendOnce(toTrigger, device);
+        }
+    }
+    // A keyboard or mouse that still shows the seat though no rule places it
+    // any more (udev evaluated it before it re-read its rules, or a release
+    // was cut short) is evaluated again as well, so releasing twice heals it.
+    QSet<QString> placed;
+    for (const Rule& rule : rules()) {
+        placed.insert(rule.forSeat);
+    }
+    for (const InputDeviceInfo& device : snapshot.inputDevices) {
+        if ((device.keyboard || device.mouse) && device.seat == seat &&
+            !placed.contains(device.portForSeat) && !placed.contains(device.forSeat)) {
+            appendPathsOf(toTrigger, device);
         }
     }
     for (const QString& device : toTrigger) {

@@ -16,8 +16,10 @@
 // mouse's port, never one that names a graphics card, and has udev evaluate
 // the devices again by writing "change" to their sysfs uevent files: port
 // first, then the input device and its event node, so that each imports its
-// parent's new (empty) seat. udev reloads a changed rules directory before it
-// handles the next uevents. Nothing here runs a command.
+// parent's new (empty) seat. udevd re-reads a rules directory it finds
+// changed before it handles new uevents, but looks only every few seconds; a
+// device it evaluated with the old rule still shows the seat, and the next
+// release evaluates it again. Nothing here runs a command.
 // Used by the command line, on its main thread.
 class SeatRules
 {
@@ -47,7 +49,8 @@ public:
 
     // Removes the rules of `seat` whose tag is the port (or the ID_FOR_SEAT)
     // of one of the snapshot's keyboards or mice and of none of its graphics
-    // cards, then re-triggers those devices. Every step is logged.
+    // cards, then re-triggers those devices and every keyboard or mouse that
+    // shows the seat though no rule places it. Every step is logged.
     Release release(const QString& seat, const SystemSnapshot& snapshot) const;
 
 private:
