@@ -45,7 +45,9 @@ public:
                          int attachTimeoutMs = defaultAttachTimeoutMs);
 
     // Subscribes to logind's signals and starts the first reading; changed()
-    // comes when it is done, even when it found no seat. Returns at once.
+    // comes when it is done, even when it found no seat. Does not wait for
+    // logind; Qt asks the bus daemon once for the owner of logind's name when
+    // the signals are first followed.
     void start();
 
     // The seats of the last reading, sorted by name; empty before the first.
@@ -69,9 +71,9 @@ private Q_SLOTS:
 private:
     struct Reading;
 
+    void requestReading();
     // The answers' handlers: the list of seats, a seat's and a session's
     // properties, and AttachDevice.
-    void requestReading();
     void seatsListed(const QDBusMessage& reply);
     void seatRead(const std::shared_ptr<Reading>& found, int index, const QDBusMessage& reply);
     void sessionRead(const std::shared_ptr<Reading>& found, int index, const QString& path,
