@@ -30,6 +30,9 @@ QString errnoText()
     return QString::fromLocal8Bit(std::strerror(errno));
 }
 
+// logind's rules are one line; a file larger than this is someone else's.
+constexpr qint64 maxRuleFileBytes = 64 * 1024;
+
 // Reads one rule file; false when it is not one logind wrote.
 bool parseRule(const QString& path, SeatRules::Rule& rule)
 {
@@ -37,7 +40,11 @@ bool parseRule(const QString& path, SeatRules::Rule& rule)
     if (!file.open(QIODevice::ReadOnly)) {
         return false;
     }
-    for (const QByteArray& raw : file.readAll().split('\n')) {
+    const QByteArray content = file.read(maxRuleFileBytes + 1);
+    if (content.size() > maxRuleFileBytes) {
+        return false;
+    }
+    for (const QByteArray& raw : content.split('\n')) {
         const QString line = QString::fromUtf8(raw).trimmed();
         if (line.isEmpty() || line.startsWith(QLatin1Char('#'))) {
             continue;
