@@ -45,6 +45,9 @@ struct InputDeviceInfo
     // device plugged into the same port gets the same seat; without one, the
     // event node's inputN parent.
     QString port;
+    // The port's own ID_FOR_SEAT: the tag of the rule logind writes when the
+    // port is attached (72-seat-<tag>.rules); empty when it has none.
+    QString portForSeat;
 };
 
 // One graphics card (drm "cardN", not its connectors).
@@ -55,6 +58,8 @@ struct GraphicsCardInfo
     QString seat;
     // The card carries the master-of-seat tag (it can make a seat).
     bool masterOfSeat = false;
+    // ID_FOR_SEAT: the tag of the rule logind writes when the card is attached.
+    QString forSeat;
 };
 
 struct SystemSnapshot
