@@ -1,0 +1,160 @@
+// orvanta-selvane-seats: plays the Orvanta platform's part for the input
+// daemon with systemd-logind and udev, so that a key pressed on a seat's
+// screen gives that seat the keyboard.
+//
+//   orvanta-selvane-seats            the service (the shared bus is the
+//                                    session bus its unit names)
+//   orvanta-selvane-seats --status   the seats, their stations and displays,
+//                                    every keyboard and mouse; --json for JSON
+//   orvanta-selvane-seats --release SEAT
+//                                    (root) removes logind's rules of the
+//                                    seat's keyboards and mice
+#include "common/Logger.h"
+#include "seats/Room.h"
+#include "seats/SeatNumbers.h"
+#include "seats/SeatsConfig.h"
+#include "seats/app/SeatsBridge.h"
+#include "seats/system/LogindSeats.h"
+#include "seats/system/SeatRules.h"
+#include "seats/system/StatusReport.h"
+#include "seats/system/UdevInputDevices.h"
+
+#include "Paths.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDeadlineTimer>
+#include <QTextStream>
+
+#include <csignal>
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+constexpr char logSource[] = "Main";
+constexpr char rulesDirectory[] = "/etc/udev/rules.d";
+// How long --status waits for logind's first reading.
+constexpr int statusWaitMs = 5000;
+
+// logind's and udev's view now, read once; empty seats when logind did not answer.
+SystemSnapshot readSnapshot()
+{
+    SystemSnapshot snapshot;
+    LogindSeats logind(QDBusConnection::systemBus());
+    logind.start();
+    const QDeadlineTimer deadline(statusWaitMs);
+    while (!logind.hasRead() && !deadline.hasExpired()) {
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+    }
+    if (!logind.hasRead()) {
+        std::fprintf(stderr, "logind did not answer within %d s\n", statusWaitMs / 1000);
+    }
+    snapshot.seats = logind.snapshotSeats();
+    UdevInputDevices udev;
+    snapshot.inputDevices = udev.snapshotInputDevices();
+    snapshot.graphicsCards = udev.snapshotGraphicsCards();
+    return snapshot;
+}
+
+int printStatus(bool json)
+{
+    const SystemSnapshot snapshot = readSnapshot();
+    // The numbers as recorded; a seat not seen by the service yet has none.
+    SeatNumbers numbers(QString::fromLatin1(Orvanta::Paths::seatsStateFile));
+    numbers.load();
+    SeatsConfig config(QString::fromLatin1(Orvanta::Paths::seatsConfigFile));
+    config.load();
+    Room room(numbers, config);
+    room.update(snapshot);
+    QMap<QString, StatusReport::Station> stations;
+    for (const Station& station : room.getStations()) {
+        stations.insert(station.seat,
+                        {station.number, station.displayId >= 0
+                                             ? QStringLiteral(":%1").arg(station.displayId)
+                                             : QString()});
+    }
+    const StatusReport report(snapshot, stations);
+    QTextStream out(stdout);
+    if (json) {
+        out << report.json();
+    } else {
+        out << report.table();
+    }
+    return 0;
+}
+
+int release(const QString& seat)
+{
+    if (geteuid() != 0) {
+        std::fprintf(stderr, "--release changes udev's rules: run it as root\n");
+        return 1;
+    }
+    if (!SeatNumbers::isSeatName(seat)) {
+        std::fprintf(stderr, "not a seat name: %s\n", qPrintable(seat));
+        return 1;
+    }
+    const SeatRules::Release done =
+        SeatRules(QString::fromLatin1(rulesDirectory)).release(seat, readSnapshot());
+    QTextStream out(stdout);
+    for (const QString& file : done.removedFiles) {
+        out << "removed " << file << '\n';
+    }
+    for (const QString& device : done.retriggered) {
+        out << "asked udev again about " << device << '\n';
+    }
+    out.flush();
+    for (const QString& error : done.errors) {
+        std::fprintf(stderr, "%s\n", qPrintable(error));
+    }
+    return done.errors.isEmpty() ? 0 : 1;
+}
+
+int serve()
+{
+    // The service's lines go to the journal through standard output.
+    Orvanta::Logger::initialize();
+    Orvanta::Logger::enableStandardOutputChannel(Orvanta::Logger::LEVEL_INFO);
+    // A write to a bus that went away must not end the process.
+    signal(SIGPIPE, SIG_IGN);
+    const QDBusConnection shared = QDBusConnection::sessionBus();
+    if (!shared.isConnected()) {
+        SELVANE_LOG(LEVEL_ERROR, "No shared bus: %s", qPrintable(shared.lastError().message()));
+        return 1;
+    }
+    SeatsBridge bridge({QString::fromLatin1(Orvanta::Paths::seatsStateFile),
+                        QString::fromLatin1(Orvanta::Paths::seatsConfigFile)},
+                       QDBusConnection::systemBus(), shared);
+    if (!bridge.start()) {
+        return 1;
+    }
+    return QCoreApplication::exec();
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("orvanta-selvane-seats"));
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        QStringLiteral("Plays the Orvanta platform for orvanta-selvane with systemd-logind."));
+    parser.addHelpOption();
+    const QCommandLineOption status(QStringLiteral("status"),
+                                    QStringLiteral("print the seats, stations and devices"));
+    const QCommandLineOption json(QStringLiteral("json"), QStringLiteral("print them as JSON"));
+    const QCommandLineOption releaseSeat(
+        QStringLiteral("release"),
+        QStringLiteral("(root) unassign the keyboards and mice of <seat>"), QStringLiteral("seat"));
+    parser.addOptions({status, json, releaseSeat});
+    parser.process(application);
+    if (parser.isSet(releaseSeat)) {
+        return release(parser.value(releaseSeat));
+    }
+    if (parser.isSet(status) || parser.isSet(json)) {
+        return printStatus(parser.isSet(json));
+    }
+    return serve();
+}
