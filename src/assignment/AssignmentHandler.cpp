@@ -29,9 +29,12 @@ const char* const assignmentKeyNames[] = {
 const QString mouseButtonName = QStringLiteral("BTN_LEFT");
 } // namespace
 
-AssignmentHandler::AssignmentHandler(PlatformServices& platformServices)
+AssignmentHandler::AssignmentHandler(PlatformServices& platformServices, bool grabUnassigned)
     : platform(platformServices)
 {
+    if (grabUnassigned) {
+        grab.emplace();
+    }
     readVersionFile();
     std::vector<KeyEngine::Combination> keys;
     for (const char* name : assignmentKeyNames) {
@@ -99,6 +102,7 @@ bool AssignmentHandler::addUnassignedDevice(QString deviceFileName)
     ledBlinkers.append(new LedBlinker(device));
     unassignedDevices.append(device);
     recreateImages();
+    updateGrabs();
     return true;
 }
 
@@ -136,6 +140,8 @@ DisplayConfiguration* AssignmentHandler::getDisplayConfiguration(int displayId, 
     connect(display, &DisplayConfiguration::mouseAssigned, this, &AssignmentHandler::mouseAssigned);
     connect(display, &DisplayConfiguration::mouseStepAbandoned, this,
             &AssignmentHandler::mouseStepAbandoned);
+    connect(display, &DisplayConfiguration::pictureShownChanged, this,
+            &AssignmentHandler::updateGrabs);
     displayConfigurations.append(display);
     return display;
 }
@@ -201,6 +207,7 @@ void AssignmentHandler::configurationComplete(int displayId)
         }
         displayConfigurations.removeOne(display);
         delete display;
+        updateGrabs();
         return;
     }
 }
@@ -277,6 +284,7 @@ void AssignmentHandler::updateDevices()
         }
     }
     EventDevice::deleteClosedEventDevices(unassignedDevices);
+    updateGrabs();
 }
 
 void AssignmentHandler::logStatus()
@@ -359,6 +367,7 @@ void AssignmentHandler::keyboardAssigned(DisplayConfiguration* display,
         unbindAssignmentKey(*index);
     }
     devicesToRemove.append(eventDevice->getDeviceFileName());
+    updateGrabs();
     Q_EMIT updateWanted();
 }
 
@@ -367,6 +376,7 @@ void AssignmentHandler::mouseAssigned(DisplayConfiguration*, const EventDevice* 
     handOnMouseStep();
     if (eventDevice) {
         devicesToRemove.append(eventDevice->getDeviceFileName());
+        updateGrabs();
         Q_EMIT updateWanted();
     }
 }
@@ -403,5 +413,39 @@ void AssignmentHandler::handOnMouseStep()
             bindAssignmentKey(waiting);
         }
         break;
+    }
+}
+
+void AssignmentHandler::updateGrabs()
+{
+    if (!grab) {
+        return;
+    }
+    const bool overlayDrawn =
+        std::any_of(displayConfigurations.begin(), displayConfigurations.end(),
+                    [](const DisplayConfiguration* display) { return display->isPictureShown(); });
+    std::vector<UnassignedGrab::DeviceId> unassigned;
+    std::vector<UnassignedGrab::DeviceId> held;
+    std::vector<UnassignedGrab::DeviceId> keyDown;
+    for (const EventDevice* device : qAsConst(unassignedDevices)) {
+        // A claimed device is the assigned side's from now on, whenever it gets to open it.
+        if (device->getFd() != -1 && !devicesToRemove.contains(device->getDeviceFileName())) {
+            unassigned.push_back(device->getId());
+        }
+        if (device->isGrabbed()) {
+            held.push_back(device->getId());
+        } else if (overlayDrawn && device->isAnyKeyDown()) {
+            // Asked again once the key's release has been read.
+            keyDown.push_back(device->getId());
+        }
+    }
+    for (const UnassignedGrab::Change& change :
+         grab->changes(overlayDrawn, unassigned, held, keyDown)) {
+        const auto found = std::find_if(
+            unassignedDevices.begin(), unassignedDevices.end(),
+            [&change](const EventDevice* device) { return device->getId() == change.device; });
+        if (found != unassignedDevices.end() && !(*found)->setGrabbed(change.hold) && change.hold) {
+            grab->refused(change.device);
+        }
     }
 }

@@ -2,6 +2,7 @@
 
 #include "assignment/DisplayConfiguration.h"
 #include "assignment/PlatformServices.h"
+#include "assignment/UnassignedGrab.h"
 #include "keys/KeyEngine.h"
 
 #include <QList>
@@ -26,13 +27,18 @@ class LedBlinker;
 // device is then only queued and dropped at the next update() or
 // updateDevices(), which updateWanted() asks for.
 //
+// With grabUnassigned, the unassigned devices are taken for this process alone
+// while any overlay's picture is on a screen (UnassignedGrab decides which), so
+// that the keys typed to claim one reach no session. A claimed device is let go
+// at once, before the platform hands it to the assigned side.
+//
 // Owned by the central object; every method runs on the main thread.
 class AssignmentHandler : public QObject
 {
     Q_OBJECT
 
 public:
-    explicit AssignmentHandler(PlatformServices& platform);
+    explicit AssignmentHandler(PlatformServices& platform, bool grabUnassigned = false);
     ~AssignmentHandler() override;
 
     AssignmentHandler(const AssignmentHandler&) = delete;
@@ -103,6 +109,9 @@ private:
     void claim(const EventDevice* device, std::size_t keyIndex);
     void handOnMouseStep();
     void recreateImages();
+    // Takes and lets go of the unassigned devices as UnassignedGrab decides; nothing without
+    // grabUnassigned.
+    void updateGrabs();
 
     PlatformServices& platform;
     DisplayConfiguration::OverlayImage overlayImage = DisplayConfiguration::OVERLAY_IMAGE_NONE;
@@ -114,4 +123,6 @@ private:
     bool mouseBusy = false;
     QVector<LedBlinker*> ledBlinkers;
     QList<QString> devicesToRemove;
+    // Only with grabUnassigned.
+    std::optional<UnassignedGrab> grab;
 };

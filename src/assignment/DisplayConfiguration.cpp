@@ -256,6 +256,7 @@ void DisplayConfiguration::takeStationReports()
     if (!station) {
         return;
     }
+    const bool wasShown = isPictureShown();
     for (const StationThread::Report& report : station->takeReports()) {
         switch (report.kind) {
         case StationThread::Report::CONNECTED:
@@ -272,6 +273,7 @@ void DisplayConfiguration::takeStationReports()
             break;
         case StationThread::Report::LOST:
             displayConnected = false;
+            pictureShown = false;
             dropValueCalls();
             composingGeneration = 0;
             break;
@@ -279,6 +281,8 @@ void DisplayConfiguration::takeStationReports()
             requestPicture();
             break;
         case StationThread::Report::PICTURE_DONE:
+            // Whatever its generation, this is what the screen shows now.
+            pictureShown = report.shown;
             if (report.generation == composingGeneration) {
                 composingGeneration = 0;
                 if (redrawAfterPicture && needsNewImage && !valueCalls) {
@@ -287,6 +291,9 @@ void DisplayConfiguration::takeStationReports()
             }
             break;
         }
+    }
+    if (isPictureShown() != wasShown) {
+        Q_EMIT pictureShownChanged();
     }
 }
 

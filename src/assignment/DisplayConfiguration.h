@@ -84,6 +84,9 @@ public:
     bool isLanguageDetermined() const { return languageDetermined; }
     // True while the station's X server holds the overlay's connection.
     bool isDisplayConnected() const { return displayConnected; }
+    // True while the overlay's picture is on the display's screen: the last picture handed to
+    // the station's thread was shown, and the connection has not been lost since.
+    bool isPictureShown() const { return displayConnected && pictureShown; }
 
     // The assignment key was pressed on `device`. False when the display does not take it
     // (it waits for no key now).
@@ -112,6 +115,8 @@ Q_SIGNALS:
     void mouseAssigned(DisplayConfiguration* displayConfiguration, const EventDevice* device);
     // Asked for the keyboard step while it waited for a click: the click is free again.
     void mouseStepAbandoned();
+    // isPictureShown() changed.
+    void pictureShownChanged();
 
 private:
     void localeAnswered(const QString& locale);
@@ -137,6 +142,7 @@ private:
     bool languageDetermined = false;
     bool openRequested = false;
     bool displayConnected = false;
+    bool pictureShown = false;
     bool needsNewImage = false;
     // An update() found needsNewImage while a picture was under way: that
     // picture's end starts the next one.

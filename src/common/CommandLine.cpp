@@ -18,6 +18,7 @@ const option longOptions[] = {{"logfile", required_argument, nullptr, 'l'},
                               {"stop", no_argument, nullptr, 0},
                               {"pid", no_argument, nullptr, 0},
                               {"help", no_argument, nullptr, 'h'},
+                              {"grab-unassigned", no_argument, nullptr, 0},
                               {nullptr, 0, nullptr, 0}};
 
 } // namespace
@@ -29,6 +30,7 @@ CommandLine::Result CommandLine::parse(int argc, char* argv[])
     pidRequested = false;
     stopRequested = false;
     restartRequested = false;
+    grabUnassigned = false;
 
     // 0 makes glibc's getopt start afresh, so a second parse reads its own argv.
     optind = 0;
@@ -57,6 +59,8 @@ CommandLine::Result CommandLine::parse(int argc, char* argv[])
                 stopRequested = true;
             } else if (strcmp(name, "pid") == 0) {
                 pidRequested = true;
+            } else if (strcmp(name, "grab-unassigned") == 0) {
+                grabUnassigned = true;
             }
             break;
         }
@@ -79,7 +83,8 @@ const char* CommandLine::usageText()
         "  --restart      start the selvane daemon.\n"
         "  --stop         stop the selvane daemon.\n"
         "  --pid          return the pid of the selvane daemon.\n"
-        "  -h --help      prints this help message\n";
+        "  -h --help      prints this help message\n"
+        "  --grab-unassigned  take unassigned keyboards and mice for this program alone.\n";
     // clang-format on
 }
 

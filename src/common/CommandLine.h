@@ -20,7 +20,7 @@ public:
     // Reads the options of argv. getopt_long may reorder argv's elements.
     Result parse(int argc, char* argv[]);
 
-    // The usage text, eight newline-terminated lines.
+    // The usage text, nine newline-terminated lines.
     static const char* usageText();
 
     // The paths as given, one Latin-1 character per byte; open them with
@@ -30,6 +30,9 @@ public:
     bool isPidRequested() const { return pidRequested; }
     bool isStopRequested() const { return stopRequested; }
     bool isRestartRequested() const { return restartRequested; }
+    // Whether the daemon takes the unassigned keyboards and mice for itself while an overlay
+    // is drawn, so that the keys typed to claim one reach no session.
+    bool isGrabUnassignedRequested() const { return grabUnassigned; }
 
 private:
     QString logFileName;
@@ -37,6 +40,7 @@ private:
     bool pidRequested = false;
     bool stopRequested = false;
     bool restartRequested = false;
+    bool grabUnassigned = false;
 };
 
 } // namespace Orvanta

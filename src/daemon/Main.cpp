@@ -159,7 +159,8 @@ int main(int argc, char* argv[])
     // Once more in the daemon child, now that its registration can be logged.
     DisplayConfiguration::initTranslations();
 
-    selvane = std::make_unique<Selvane>(commandLine.getConfigFileName());
+    selvane = std::make_unique<Selvane>(commandLine.getConfigFileName(),
+                                        commandLine.isGrabUnassignedRequested());
     const int result = QCoreApplication::exec();
     selvane.reset();
 

@@ -14,7 +14,7 @@ constexpr char logSource[] = "Selvane";
 constexpr int updateIntervalMs = 100;
 } // namespace
 
-Selvane::Selvane(QString configFile)
+Selvane::Selvane(QString configFile, bool grabUnassigned)
     : configFileName(configFile), dbusInterface(this), platformServices(dbusInterface, *this)
 {
     if (!dbusInterface.connect()) {
@@ -25,7 +25,7 @@ Selvane::Selvane(QString configFile)
     // draws whatever strings were read, possibly none.
     TranslationParser translationParser(languages);
     translationParser.parse(QString::fromLatin1(Orvanta::Paths::translationFile));
-    assignmentHandler = new AssignmentHandler(platformServices);
+    assignmentHandler = new AssignmentHandler(platformServices, grabUnassigned);
     assignedDeviceHandler = new AssignedDeviceHandler(configFile);
     // Devices assigned to or removed from stations change the counts that the
     // overlays show.

@@ -45,8 +45,9 @@ class Selvane : public QObject
     Q_OBJECT
 
 public:
-    // configFile is the key configuration file named on the command line.
-    explicit Selvane(QString configFile);
+    // configFile is the key configuration file named on the command line; grabUnassigned
+    // has the assignment handler take the unassigned devices while an overlay is drawn.
+    explicit Selvane(QString configFile, bool grabUnassigned = false);
     ~Selvane() override;
 
     // Logs the state of the handlers.

@@ -121,6 +121,8 @@ EventDevice::EventDevice(QString path)
 EventDevice::~EventDevice()
 {
     if (fd != -1) {
+        // Let go in so many words, rather than when the reader's descriptor closes too.
+        setGrabbed(false);
         closeDescriptor();
         SELVANE_LOG(LEVEL_INFO, "Closed device " + Orvanta::escapeForLog(deviceFileName));
     }
@@ -243,6 +245,44 @@ void EventDevice::setLedOn(int ledCode, bool on)
     }
 }
 
+bool EventDevice::setGrabbed(bool grab)
+{
+    if (fd == -1 || grab == grabbed) {
+        return fd != -1 || !grab;
+    }
+    const QString shownPath = Orvanta::escapeForLog(deviceFileName);
+    if (ioctl(fd, EVIOCGRAB, grab ? 1 : 0) == -1) {
+        const int error = errno;
+        if (grab) {
+            SELVANE_LOG(LEVEL_WARNING, "Could not grab device " + shownPath + ": " +
+                                           errorText(error) +
+                                           ".  Its keys also reach whoever else reads it.");
+            return false;
+        }
+        // The kernel holds no grab of a file it no longer knows; an unplugged device ends
+        // its grab by itself.
+        SELVANE_LOG(LEVEL_WARNING,
+                    "Could not release device " + shownPath + ": " + errorText(error));
+        grabbed = false;
+        return false;
+    }
+    grabbed = grab;
+    SELVANE_LOG(LEVEL_INFO, (grab ? "Grabbed device " : "Released device ") + shownPath);
+    return true;
+}
+
+bool EventDevice::isAnyKeyDown() const
+{
+    if (fd == -1) {
+        return false;
+    }
+    std::array<unsigned char, KEY_MAX / 8 + 1> keys{};
+    if (ioctl(fd, EVIOCGKEY(keys.size()), keys.data()) == -1) {
+        return false;
+    }
+    return std::any_of(keys.begin(), keys.end(), [](unsigned char bits) { return bits != 0; });
+}
+
 void EventDevice::deleteClosedEventDevices(QVector<EventDevice*>& devices)
 {
     for (auto it = devices.begin(); it != devices.end();) {
@@ -280,6 +320,8 @@ void EventDevice::closeDescriptor()
     }
     close(fd);
     fd = -1;
+    // Closing the last descriptor of the file ends its grab.
+    grabbed = false;
     node.reset();
     nameNode.reset();
 }

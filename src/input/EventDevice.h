@@ -76,6 +76,16 @@ public:
     void restoreLedState();
     void setLedOn(int ledCode, bool on);
 
+    // Takes the device for this process alone (EVIOCGRAB), or lets it go: while it is taken the
+    // kernel hands its records to no other reader, a session's X server included. The input
+    // reader still reads them, on a descriptor of the same open file. False, logged, when the
+    // kernel refuses (another program holds the device); a closed device is never taken.
+    bool setGrabbed(bool grabbed);
+    bool isGrabbed() const { return grabbed; }
+    // Whether the kernel reports a key or button of the device as down now (EVIOCGKEY); false
+    // for a closed device.
+    bool isAnyKeyDown() const;
+
     static void deleteClosedEventDevices(QVector<EventDevice*>& devices);
 
 Q_SIGNALS:
@@ -103,5 +113,6 @@ private:
     // The device's number with the input reader; 0 while the reader holds no descriptor of it.
     InputReader::DeviceId readerId = 0;
     KeyState keysAtOpen;
+    bool grabbed = false;
     std::array<unsigned char, LED_MAX / 8 + 1> ledState{};
 };

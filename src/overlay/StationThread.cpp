@@ -345,8 +345,8 @@ void StationThread::run(const std::shared_ptr<Mailbox>& mailbox, int socket)
                 display.update();
             }
             if (picture) {
-                display.show(*picture);
-                mailbox->report({Report::PICTURE_DONE, 0, 0, picture->generation});
+                const bool shown = display.show(*picture);
+                mailbox->report({Report::PICTURE_DONE, 0, 0, picture->generation, shown});
             }
         }
         // The display closes here, before the thread counts as finished.

@@ -47,6 +47,8 @@ public:
         uint32_t width = 0;
         uint32_t height = 0;
         int generation = 0;
+        // PICTURE_DONE: the picture is on the screen now.
+        bool shown = false;
     };
 
     // The longest a connection may take to be set up before its socket is shut down.

@@ -112,12 +112,12 @@ bool OverlayTestBed::restartSimulator(const QStringList& simulatorOptions)
     return simulator->isReady();
 }
 
-void OverlayTestBed::recreateCentral()
+void OverlayTestBed::recreateCentral(bool grabUnassigned)
 {
     platform.reset();
     dbus.reset();
     central.reset();
-    central = std::make_unique<Selvane>(keysFile());
+    central = std::make_unique<Selvane>(keysFile(), grabUnassigned);
     dbus = std::make_unique<DBusInterface>(central.get());
     platform = std::make_unique<BusPlatformServices>(*dbus, *central);
 }

@@ -69,8 +69,9 @@ public:
 
     // The key configuration the central object reads when it is made.
     QString keysFile() const { return bus.path(QStringLiteral("keys.conf")); }
-    // Makes the central object anew, which reads the translations again.
-    void recreateCentral();
+    // Makes the central object anew, which reads the translations again; grabUnassigned as
+    // the daemon's option of that name.
+    void recreateCentral(bool grabUnassigned = false);
 
     // A display configuration whose language is chosen: its locale was answered.
     std::unique_ptr<DisplayConfiguration>

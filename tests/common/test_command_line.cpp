@@ -56,7 +56,45 @@ private Q_SLOTS:
                             "  --restart      start the selvane daemon.\n"
                             "  --stop         stop the selvane daemon.\n"
                             "  --pid          return the pid of the selvane daemon.\n"
-                            "  -h --help      prints this help message\n"));
+                            "  -h --help      prints this help message\n"
+                            "  --grab-unassigned  take unassigned keyboards and mice for this "
+                            "program alone.\n"));
+    }
+
+    void usageTextEndsWithTheGrabOptionAfterTheHelpLine()
+    {
+        const QList<QByteArray> lines = QByteArray(CommandLine::usageText()).split('\n');
+        // The text ends in a newline: the split leaves an empty last piece.
+        QCOMPARE(lines.size(), 10);
+        QCOMPARE(lines.at(7), QByteArray("  -h --help      prints this help message"));
+        QCOMPARE(lines.at(8), QByteArray("  --grab-unassigned  take unassigned keyboards and mice "
+                                         "for this program alone."));
+        QVERIFY(lines.at(9).isEmpty());
+    }
+
+    void grabUnassignedIsOffUnlessAsked_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<bool>("grab");
+        QTest::newRow("no options") << QStringList{} << false;
+        QTest::newRow("other options only") << QStringList{"-c", "keys.conf", "--start"} << false;
+        QTest::newRow("--grab-unassigned")
+            << QStringList{"--grab-unassigned", "-c", "keys.conf"} << true;
+        QTest::newRow("after the other options")
+            << QStringList{"-c", "keys.conf", "--grab-unassigned"} << true;
+        QTest::newRow("unique abbreviation") << QStringList{"--grab"} << true;
+    }
+
+    void grabUnassignedIsOffUnlessAsked()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(bool, grab);
+        CommandLine commandLine;
+        QCOMPARE(parse(commandLine, arguments), CommandLine::RESULT_RUN);
+        QCOMPARE(commandLine.isGrabUnassignedRequested(), grab);
+        QVERIFY(!commandLine.isPidRequested());
+        QVERIFY(!commandLine.isStopRequested());
+        QVERIFY(!commandLine.isRestartRequested());
     }
 
     void defaultsWithoutOptions()
@@ -189,6 +227,15 @@ private Q_SLOTS:
         QVERIFY(!commandLine.isPidRequested());
         QVERIFY(commandLine.isStopRequested());
         QVERIFY(commandLine.getConfigFileName().isEmpty());
+        QCOMPARE(parse(commandLine, {"--grab-unassigned"}), CommandLine::RESULT_RUN);
+        QCOMPARE(parse(commandLine, {}), CommandLine::RESULT_RUN);
+        QVERIFY(!commandLine.isGrabUnassignedRequested());
+    }
+
+    void argumentGivenToGrabUnassignedIsInvalid()
+    {
+        CommandLine commandLine;
+        QCOMPARE(parse(commandLine, {"--grab-unassigned=yes"}), CommandLine::RESULT_INVALID);
     }
 };
 

@@ -25,7 +25,9 @@ const QByteArray usageText =
     "  --restart      start the selvane daemon.\n"
     "  --stop         stop the selvane daemon.\n"
     "  --pid          return the pid of the selvane daemon.\n"
-    "  -h --help      prints this help message\n";
+    "  -h --help      prints this help message\n"
+    "  --grab-unassigned  take unassigned keyboards and mice for this "
+    "program alone.\n";
 
 const QByteArray alreadyRunning =
     "Program is already running.  Stop the existing program before starting another one\n";

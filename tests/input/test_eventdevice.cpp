@@ -9,6 +9,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <memory>
+
 using Orvanta::Logger;
 
 namespace {
@@ -61,6 +63,56 @@ private:
     }
 
 private Q_SLOTS:
+    void grabAndReleaseAreLoggedOnceEach()
+    {
+        UmockdevTestbed testbed;
+        const QString node =
+            testbed.addDevice(DeviceDescription::keyboard(QStringLiteral("Desk Board")));
+        EventDevice device(node);
+        QVERIFY(device.getFd() != -1);
+        QVERIFY(!device.isGrabbed());
+        LogCapture capture;
+        QVERIFY(device.setGrabbed(true));
+        QVERIFY(device.isGrabbed());
+        // Asked again, the device is held already: no second call, no second line.
+        QVERIFY(device.setGrabbed(true));
+        QCOMPARE(capture.messages(), QStringList{"Grabbed device " + node});
+        verifyLine(capture, "Grabbed device " + node, Logger::LEVEL_INFO,
+                   QStringLiteral("setGrabbed"));
+        capture.clear();
+        QVERIFY(device.setGrabbed(false));
+        QVERIFY(!device.isGrabbed());
+        QVERIFY(device.setGrabbed(false));
+        QCOMPARE(capture.messages(), QStringList{"Released device " + node});
+        verifyLine(capture, "Released device " + node, Logger::LEVEL_INFO,
+                   QStringLiteral("setGrabbed"));
+    }
+
+    void aHeldDeviceIsReleasedBeforeItCloses()
+    {
+        UmockdevTestbed testbed;
+        const QString node = testbed.addDevice(DeviceDescription::keyboard());
+        auto device = std::make_unique<EventDevice>(node);
+        QVERIFY(device->setGrabbed(true));
+        LogCapture capture;
+        device.reset();
+        QCOMPARE(capture.messages(),
+                 (QStringList{"Released device " + node, "Closed device " + node}));
+    }
+
+    void aClosedDeviceIsNeverTaken()
+    {
+        UmockdevTestbed testbed;
+        const QString node = testbed.addDevice(DeviceDescription::relativeOnly());
+        EventDevice device(node);
+        QCOMPARE(device.getFd(), -1);
+        LogCapture capture;
+        QVERIFY(!device.setGrabbed(true));
+        QVERIFY(!device.isGrabbed());
+        QVERIFY(device.setGrabbed(false));
+        QVERIFY(capture.messages().isEmpty());
+    }
+
     void openingAKeyboardLogsItsName()
     {
         UmockdevTestbed testbed;

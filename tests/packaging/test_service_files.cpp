@@ -239,11 +239,11 @@ private Q_SLOTS:
         QVERIFY(page.contains(QStringLiteral("OPTIONS")));
 
         // "  -l --logfile   name of the log file.  This is optional. ..."
-        const QRegularExpression optionLine(QStringLiteral(R"(^  ((?:-\w )?--\w+) +(.+)$)"));
+        const QRegularExpression optionLine(QStringLiteral(R"(^  ((?:-\w )?--[\w-]+) +(.+)$)"));
         QStringList lines = QString::fromLatin1(help.standardOutput).split('\n');
         lines.removeFirst(); // the program's one-line summary
         lines.removeAll(QString());
-        QCOMPARE(lines.size(), 7);
+        QCOMPARE(lines.size(), 8);
         for (const QString& line : lines) {
             const QRegularExpressionMatch match = optionLine.match(line);
             QVERIFY2(match.hasMatch(), qPrintable(line));
