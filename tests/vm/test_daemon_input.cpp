@@ -5,6 +5,7 @@
 // that nobody completed, and a key is acted on as it arrives, not at the next
 // tick.
 #include "DaemonRunner.h"
+#include "FramePacer.h"
 #include "PlatformSimulatorProcess.h"
 #include "UinputDevice.h"
 
@@ -36,8 +37,7 @@ class MouseMover
 public:
     MouseMover(UinputDevice& mouse, int framesPerSecond)
         : worker([this, &mouse, framesPerSecond] {
-              const auto period = std::chrono::microseconds(1000000 / framesPerSecond);
-              auto next = std::chrono::steady_clock::now();
+              FramePacer pacer(framesPerSecond);
               int direction = 1;
               while (!stopping) {
                   mouse.send(EV_REL, REL_X, direction);
@@ -45,8 +45,7 @@ public:
                   mouse.sync();
                   direction = -direction;
                   ++frames;
-                  next += period;
-                  std::this_thread::sleep_until(next);
+                  pacer.waitForNextFrame();
               }
           })
     {

@@ -1,6 +1,7 @@
 // The input reader on kernel input devices: a main thread that does not look for a while loses
 // no click of a fast mouse, a full queue lets the kernel drop and the key state is read afresh,
 // and a device that goes away ends with ENODEV.
+#include "FramePacer.h"
 #include "UinputTestMain.h"
 
 #include "input/InputReader.h"
@@ -83,9 +84,10 @@ private Q_SLOTS:
         constexpr int clicks = 20;
         constexpr int framesPerClick = 100;
         std::atomic<bool> sent{true};
+        QElapsedTimer sending;
+        sending.start();
         std::thread sender([&] {
-            const auto period = std::chrono::microseconds(250);
-            auto next = std::chrono::steady_clock::now();
+            FramePacer pacer(4000);
             int direction = 1;
             for (int frame = 0; frame < clicks * framesPerClick; ++frame) {
                 bool ok = mouse.send(EV_REL, REL_X, direction) &&
@@ -97,12 +99,12 @@ private Q_SLOTS:
                 }
                 sent = sent && ok;
                 direction = -direction;
-                next += period;
-                std::this_thread::sleep_until(next);
+                pacer.waitForNextFrame();
             }
         });
         sender.join();
         QVERIFY(sent);
+        qInfo("the mouse sent %d frames in %lld ms", clicks * framesPerClick, sending.elapsed());
 
         std::vector<KeyRecord> records;
         QVERIFY(QTest::qWaitFor([&] {
