@@ -5,7 +5,8 @@
 // What the bridge tells the daemon at the start, and what comes of claims: a
 // stranger's is one Warning and attaches nothing, the daemon's attaches the
 // port and tells the daemon the station once udev shows the seat, and one
-// that logind refuses is one Error, after which the prompt comes back.
+// that logind refuses is one Error, after which the prompt comes back; the
+// daemon's questions are answered while an attach is pending.
 #include "DaemonRunner.h"
 #include "FakeLocaleServices.h"
 #include "FakeLogind.h"
@@ -88,6 +89,23 @@ private:
         QDBusPendingCall pending = connection(role).asyncCall(call, waitMs);
         return DaemonRunner::waitUntil([&pending] { return pending.isFinished(); }, waitMs) &&
                !pending.isError();
+    }
+
+    // A platform method called from the daemon's connection; its reply, an
+    // invalid message when none came.
+    QDBusMessage askPlatform(const QString& service, const QString& method,
+                             const QVariantList& arguments = {})
+    {
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            service,
+            QLatin1Char('/') + QString(service).replace(QLatin1Char('.'), QLatin1Char('/')),
+            service, method);
+        call.setArguments(arguments);
+        QDBusPendingCall pending = connection(QStringLiteral("daemon")).asyncCall(call, waitMs);
+        if (!DaemonRunner::waitUntil([&pending] { return pending.isFinished(); }, waitMs)) {
+            return QDBusMessage();
+        }
+        return pending.reply();
     }
 
     bool waitForCalls(const QStringList& expected) const
@@ -229,6 +247,25 @@ private Q_SLOTS:
                              "denied; it is announced again in 300 ms"});
         QCOMPARE(linesAt(Orvanta::Logger::LEVEL_WARNING), QStringList());
         QCOMPARE(logind->manager.attachCalls.size(), 1);
+    }
+
+    void theDaemonsQuestionsAreAnsweredWhileAnAttachIsPending()
+    {
+        logind->manager.attachMode = FakeManager::Mode::Hold;
+        boot();
+        QVERIFY(claim(QStringLiteral("daemon"), keyboardB, 1, QStringLiteral("KeyboardDevice")));
+        QVERIFY(
+            DaemonRunner::waitUntil([this] { return !logind->manager.held.isEmpty(); }, waitMs));
+        const QDBusMessage count = askPlatform(QStringLiteral("com.orvanta.DB"),
+                                               QStringLiteral("DeviceGetNumberOfUnassignedMice"));
+        QCOMPARE(count.type(), QDBusMessage::ReplyMessage);
+        QCOMPARE(count.arguments(), QVariantList{2});
+        // Without AccountsService, the greeter's user gets the system's locale.
+        const QDBusMessage locale = askPlatform(QStringLiteral("com.orvanta.Controllers.Session"),
+                                                QStringLiteral("GetLocaleForUserOnDisplay"), {1});
+        QCOMPARE(locale.type(), QDBusMessage::ReplyMessage);
+        QCOMPARE(locale.arguments(), QVariantList{QStringLiteral("de_DE.UTF-8")});
+        QCOMPARE(logind->manager.held.size(), 1);
     }
 };
 
