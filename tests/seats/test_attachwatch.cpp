@@ -13,6 +13,7 @@
 #include <QRegularExpression>
 #include <QtTest>
 
+#include <algorithm>
 #include <memory>
 
 namespace {
@@ -63,14 +64,15 @@ private:
             [this, count] { return logind->manager.attachCalls.size() >= count; }, waitMs);
     }
 
-    bool waitForLine(const QString& start) const
+    // Until the watch logs logind's first answer.
+    bool waitForLogindsAnswer() const
     {
         return DaemonRunner::waitUntil(
-            [this, &start] {
-                return !log->messages()
-                            .filter(QRegularExpression(QLatin1Char('^') +
-                                                       QRegularExpression::escape(start)))
-                            .isEmpty();
+            [this] {
+                const QStringList lines = log->messages();
+                return std::any_of(lines.cbegin(), lines.cend(), [](const QString& line) {
+                    return line.startsWith(QLatin1String("logind attached "));
+                });
             },
             waitMs);
     }
@@ -82,10 +84,11 @@ private:
         QStringList lines;
         for (const LogCapture::Entry& entry : log->entries()) {
             if (entry.file == QLatin1String("AttachWatch")) {
-                lines.append(
-                    QStringLiteral("%1 %2")
-                        .arg(entry.level)
-                        .arg(QString(entry.message).replace(time, QStringLiteral("after N ms"))));
+                const QString level = entry.level == Orvanta::Logger::LEVEL_INFO
+                                          ? QStringLiteral("Info")
+                                          : QStringLiteral("Level %1").arg(entry.level);
+                lines.append(level + QStringLiteral(": ") +
+                             QString(entry.message).replace(time, QStringLiteral("after N ms")));
             }
         }
         return lines;
@@ -99,7 +102,7 @@ private:
             reaskAfterMs + seatTimeoutMs);
     }
 
-    static QString info(const QString& text) { return QStringLiteral("3 ") + text; }
+    static QString info(const QString& text) { return QStringLiteral("Info: ") + text; }
 
 private Q_SLOTS:
     void initTestCase() { registerLogindTypes(); }
@@ -134,7 +137,7 @@ private Q_SLOTS:
     void theSeatShowingAtOnceIsSuccess()
     {
         startWatch();
-        QVERIFY(waitForLine(QStringLiteral("logind attached ")));
+        QVERIFY(waitForLogindsAnswer());
         // Other seats, or none, are not the outcome.
         watch->seatSeen(QString());
         watch->seatSeen(QStringLiteral("seat0"));
@@ -256,7 +259,7 @@ private Q_SLOTS:
     {
         QFETCH(QString, lateError);
         startWatch();
-        QVERIFY(waitForLine(QStringLiteral("logind attached ")));
+        QVERIFY(waitForLogindsAnswer());
         // The second ask is held, and the seat shows while it is.
         logind->manager.attachMode = FakeManager::Mode::Hold;
         QVERIFY(waitForAttachCalls(2));
