@@ -27,6 +27,10 @@ QString ClaimCheck::problemOf(const Room& room, const DaemonMirror& mirror, cons
     if (!device || device->isAssigned()) {
         return QStringLiteral("the device is no unassigned keyboard or mouse any more");
     }
+    if (claim.isKeyboard() ? !device->keyboard : !device->mouse) {
+        return claim.isKeyboard() ? QStringLiteral("the device is no keyboard")
+                                  : QStringLiteral("the device is no mouse");
+    }
     if (device->port.isEmpty()) {
         return QStringLiteral("the device has no port that logind could attach");
     }

@@ -23,9 +23,10 @@ struct Claim
 // Whether the bridge acts on a claim. It does only when the claim comes from
 // the owner of the daemon's bus name (anyone else on the bus could otherwise
 // move devices between seats), names a device the daemon was told is
-// unassigned and that logind can attach by a port, and names a station's
-// display that waits for that type of device: the keyboard step for a
-// keyboard, the mouse step for a mouse.
+// unassigned, is of the claimed type (a mouse is never taken as a station's
+// keyboard) and can be attached by a port, and names a station's display that
+// waits for that type of device: the keyboard step for a keyboard, the mouse
+// step for a mouse.
 class ClaimCheck
 {
 public:

@@ -296,6 +296,10 @@ private Q_SLOTS:
             << QStringList{refusedTail + "mouseB, 1, MouseDevice): display :1 is at "
                                          "configuring_keyboard, not at configuring_mouse",
                            "unassignedDeviceAdded(mouseB)"};
+        QTest::newRow("of a mouse as a keyboard: the device and the prompt are back")
+            << "claim mouseB 1 KeyboardDevice"
+            << QStringList{refusedTail + "mouseB, 1, KeyboardDevice): the device is no keyboard",
+                           "unassignedDeviceAdded(mouseB)", "configureKeyboard(1, 1)"};
         QTest::newRow("of a type that is none")
             << "claim kbdB 1 TabletDevice"
             << QStringList{refusedTail + "kbdB, 1, TabletDevice): the type is neither "

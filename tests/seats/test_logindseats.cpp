@@ -1,209 +1,18 @@
-// logind's seats read through LogindSeats from a fake logind of this test on
+// logind's seats read through LogindSeats from the tests' fake logind on
 // a private bus: the first reading, the signals that make it read again, a
 // logind that does not answer, and AttachDevice's answers.
 #include "DaemonRunner.h"
+#include "FakeLogind.h"
 #include "LogCapture.h"
 
 #include "seats/system/LogindSeats.h"
 #include "seats/system/LogindTypes.h"
 
 #include <QDBusConnection>
-#include <QDBusContext>
-#include <QDBusMessage>
 #include <QSignalSpy>
 #include <QtTest>
 
 #include <memory>
-
-namespace {
-const QString service = QStringLiteral("org.freedesktop.login1");
-const QString managerPath = QStringLiteral("/org/freedesktop/login1");
-
-QString seatPath(const QString& id)
-{
-    return managerPath + QStringLiteral("/seat/") + id;
-}
-
-// logind escapes a session id's leading digit: session "2" is ".../session/_32".
-QString sessionPath(const QString& id)
-{
-    return managerPath + QStringLiteral("/session/_3") + id;
-}
-} // namespace
-
-// A logind seat object: its Id, CanGraphical and ActiveSession.
-class FakeSeat : public QObject
-{
-    Q_OBJECT
-    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.login1.Seat")
-    Q_PROPERTY(QString Id MEMBER id)
-    Q_PROPERTY(bool CanGraphical MEMBER canGraphical)
-    Q_PROPERTY(LogindObjectRef ActiveSession READ activeSessionRef)
-
-public:
-    LogindObjectRef activeSessionRef() const { return activeSession; }
-
-    QString id;
-    bool canGraphical = false;
-    LogindObjectRef activeSession{QString(), QDBusObjectPath(QStringLiteral("/"))};
-};
-
-// A logind session object with the properties the seats are read with.
-class FakeSession : public QObject
-{
-    Q_OBJECT
-    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.login1.Session")
-    Q_PROPERTY(QString Id MEMBER id)
-    Q_PROPERTY(QString Display MEMBER display)
-    Q_PROPERTY(QString Type MEMBER type)
-    Q_PROPERTY(QString Class MEMBER sessionClass)
-    Q_PROPERTY(LogindUserRef User READ userRef)
-
-public:
-    LogindUserRef userRef() const { return user; }
-
-    QString id;
-    QString display;
-    QString type;
-    QString sessionClass;
-    LogindUserRef user;
-};
-
-// logind's manager: ListSeats and AttachDevice, which can be answered,
-// refused or held without an answer.
-class FakeManager : public QObject, protected QDBusContext
-{
-    Q_OBJECT
-    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.login1.Manager")
-
-public:
-    enum class Mode
-    {
-        Answer,
-        Refuse,
-        Hold
-    };
-
-    QList<LogindObjectRef> seats;
-    int listCalls = 0;
-    Mode listMode = Mode::Answer;
-    Mode attachMode = Mode::Answer;
-    QList<QVariantList> attachCalls;
-    QList<QDBusMessage> held;
-
-public Q_SLOTS:
-    QList<LogindObjectRef> ListSeats()
-    {
-        ++listCalls;
-        if (listMode == Mode::Hold) {
-            hold();
-        }
-        return seats;
-    }
-
-    void AttachDevice(const QString& seat, const QString& sysfs, bool interactive)
-    {
-        attachCalls.append({seat, sysfs, interactive});
-        if (attachMode == Mode::Hold) {
-            hold();
-        } else if (attachMode == Mode::Refuse) {
-            sendErrorReply(QStringLiteral("org.freedesktop.DBus.Error.AccessDenied"),
-                           QStringLiteral("Access denied"));
-        }
-    }
-
-private:
-    void hold()
-    {
-        setDelayedReply(true);
-        held.append(message());
-    }
-};
-
-// A logind of the test's: seats and sessions registered on its own connection,
-// with the signals logind sends when they change.
-class FakeLogind
-{
-public:
-    explicit FakeLogind(const QDBusConnection& bus) : connection(bus)
-    {
-        connection.registerObject(managerPath, &manager, QDBusConnection::ExportAllSlots);
-    }
-
-    bool claimName() { return connection.registerService(service); }
-
-    FakeSeat* addSeat(const QString& id, bool canGraphical)
-    {
-        auto seat = std::make_unique<FakeSeat>();
-        seat->id = id;
-        seat->canGraphical = canGraphical;
-        connection.registerObject(seatPath(id), seat.get(), QDBusConnection::ExportAllProperties);
-        manager.seats.append({id, QDBusObjectPath(seatPath(id))});
-        seats.push_back(std::move(seat));
-        sendSignal(managerPath, QStringLiteral("org.freedesktop.login1.Manager"),
-                   QStringLiteral("SeatNew"),
-                   {id, QVariant::fromValue(QDBusObjectPath(seatPath(id)))});
-        return seats.back().get();
-    }
-
-    void removeSeat(const QString& id)
-    {
-        connection.unregisterObject(seatPath(id));
-        manager.seats.erase(
-            std::remove_if(manager.seats.begin(), manager.seats.end(),
-                           [&id](const LogindObjectRef& ref) { return ref.id == id; }),
-            manager.seats.end());
-        sendSignal(managerPath, QStringLiteral("org.freedesktop.login1.Manager"),
-                   QStringLiteral("SeatRemoved"),
-                   {id, QVariant::fromValue(QDBusObjectPath(seatPath(id)))});
-    }
-
-    FakeSession* addSession(const QString& id, const QString& display, const QString& type,
-                            const QString& sessionClass, uint uid)
-    {
-        auto session = std::make_unique<FakeSession>();
-        session->id = id;
-        session->display = display;
-        session->type = type;
-        session->sessionClass = sessionClass;
-        session->user = {uid, QDBusObjectPath(managerPath + QStringLiteral("/user/_%1").arg(uid))};
-        connection.registerObject(sessionPath(id), session.get(),
-                                  QDBusConnection::ExportAllProperties);
-        sessions.push_back(std::move(session));
-        return sessions.back().get();
-    }
-
-    // Makes the session the seat's active one and says so as logind does:
-    // ActiveSession invalidated.
-    void activate(FakeSeat* seat, const QString& sessionId)
-    {
-        seat->activeSession = {sessionId, QDBusObjectPath(sessionPath(sessionId))};
-        propertiesChanged(seatPath(seat->id), QStringLiteral("org.freedesktop.login1.Seat"), {},
-                          {QStringLiteral("ActiveSession")});
-    }
-
-    void propertiesChanged(const QString& path, const QString& interface,
-                           const QVariantMap& changed, const QStringList& invalidated)
-    {
-        sendSignal(path, QStringLiteral("org.freedesktop.DBus.Properties"),
-                   QStringLiteral("PropertiesChanged"), {interface, changed, invalidated});
-    }
-
-    FakeManager manager;
-
-private:
-    void sendSignal(const QString& path, const QString& interface, const QString& name,
-                    const QVariantList& arguments)
-    {
-        QDBusMessage signal = QDBusMessage::createSignal(path, interface, name);
-        signal.setArguments(arguments);
-        connection.send(signal);
-    }
-
-    QDBusConnection connection;
-    std::vector<std::unique_ptr<FakeSeat>> seats;
-    std::vector<std::unique_ptr<FakeSession>> sessions;
-};
 
 class LogindSeatsTest : public QObject
 {
@@ -270,7 +79,7 @@ private Q_SLOTS:
         logind->addSeat(QStringLiteral("seat2"), false);
         logind->addSession(QStringLiteral("1"), QStringLiteral(":0"), QStringLiteral("x11"),
                            QStringLiteral("greeter"), 110);
-        seat0->activeSession = {QStringLiteral("1"), QDBusObjectPath(sessionPath("1"))};
+        seat0->activeSession = {QStringLiteral("1"), QDBusObjectPath(logindSessionPath("1"))};
 
         LogindSeats seats(adapterBus(), nullptr, callTimeoutMs);
         QSignalSpy changed(&seats, &LogindSeats::changed);
@@ -297,7 +106,8 @@ private Q_SLOTS:
 
         // A card attached: CanGraphical changes, with its new value in the signal.
         seat1->canGraphical = true;
-        logind->propertiesChanged(seatPath("seat1"), QStringLiteral("org.freedesktop.login1.Seat"),
+        logind->propertiesChanged(logindSeatPath("seat1"),
+                                  QStringLiteral("org.freedesktop.login1.Seat"),
                                   {{QStringLiteral("CanGraphical"), true}}, {});
         QVERIFY(waitForSeats(seats, {"seat0 graphical=1 display= type= class= uid=-1",
                                      "seat1 graphical=1 display= type= class= uid=-1"}));
@@ -316,7 +126,8 @@ private Q_SLOTS:
         // only the removal that follows it does.
         const int changes = changed.count();
         const int readings = logind->manager.listCalls;
-        logind->propertiesChanged(seatPath("seat0"), QStringLiteral("org.freedesktop.login1.Seat"),
+        logind->propertiesChanged(logindSeatPath("seat0"),
+                                  QStringLiteral("org.freedesktop.login1.Seat"),
                                   {{QStringLiteral("IdleHint"), true}}, {});
         logind->removeSeat(QStringLiteral("seat0"));
         QVERIFY(waitForSeats(seats, {}));
@@ -399,9 +210,7 @@ private Q_SLOTS:
                      answers.at(0).second.isEmpty() == ok,
                  qPrintable(answers.at(0).second));
         // A late answer of a held call changes nothing.
-        for (const QDBusMessage& held : logind->manager.held) {
-            logindBus().send(held.createReply());
-        }
+        logind->answerHeld();
         QVERIFY(!DaemonRunner::waitUntil([&] { return answers.size() > 1; }, 2 * callTimeoutMs));
     }
 

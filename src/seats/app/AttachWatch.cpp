@@ -9,12 +9,13 @@ namespace {
 constexpr char logSource[] = "AttachWatch";
 } // namespace
 
-AttachWatch::AttachWatch(LogindSeats& logind, AttachRequest request, Finished finished)
+AttachWatch::AttachWatch(LogindSeats& logind, AttachRequest request, Finished finished,
+                         int reaskAfterMs, int seatTimeoutMs)
     : seats(logind), attach(std::move(request)), done(std::move(finished))
 {
     reask.setSingleShot(true);
     reask.setInterval(reaskAfterMs);
-    connect(&reask, &QTimer::timeout, this, &AttachWatch::askLogind);
+    connect(&reask, &QTimer::timeout, this, &AttachWatch::askAgain);
     deadline.setSingleShot(true);
     deadline.setInterval(seatTimeoutMs);
     connect(&deadline, &QTimer::timeout, this, &AttachWatch::timedOut);
@@ -39,6 +40,13 @@ void AttachWatch::askLogind()
     });
 }
 
+void AttachWatch::askAgain()
+{
+    SELVANE_LOG(LEVEL_INFO, "udev shows no seat for %s after %lld ms: asking logind again",
+                qPrintable(attach.devicePath), elapsed.elapsed());
+    askLogind();
+}
+
 void AttachWatch::answered(bool ok, const QString& error)
 {
     if (over) {
@@ -54,11 +62,13 @@ void AttachWatch::answered(bool ok, const QString& error)
                     qPrintable(attach.port), qPrintable(attach.seat), elapsed.elapsed());
         reask.start();
         deadline.start();
+        seatSeen(seen);
     }
 }
 
 void AttachWatch::seatSeen(const QString& seat)
 {
+    seen = seat;
     if (!over && attached && seat == attach.seat) {
         SELVANE_LOG(LEVEL_INFO, "%s is on %s after %lld ms", qPrintable(attach.devicePath),
                     qPrintable(attach.seat), elapsed.elapsed());
@@ -69,8 +79,7 @@ void AttachWatch::seatSeen(const QString& seat)
 void AttachWatch::timedOut()
 {
     finish(QStringLiteral("ID_SEAT: %1 did not report %2 within %3 s")
-               .arg(attach.devicePath, attach.seat)
-               .arg(seatTimeoutMs / 1000));
+               .arg(attach.devicePath, attach.seat, QString::number(deadline.interval() / 1000.0)));
 }
 
 void AttachWatch::finish(const QString& failedStep)

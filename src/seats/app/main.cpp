@@ -9,11 +9,13 @@
 //   orvanta-selvane-seats --release SEAT
 //                                    (root) removes logind's rules of the
 //                                    seat's keyboards and mice
+//   orvanta-selvane-seats -h         the usage (SeatsCommandLine)
 #include "common/Logger.h"
 #include "seats/Room.h"
 #include "seats/SeatNumbers.h"
 #include "seats/SeatsConfig.h"
 #include "seats/app/SeatsBridge.h"
+#include "seats/app/SeatsCommandLine.h"
 #include "seats/system/LogindSeats.h"
 #include "seats/system/SeatRules.h"
 #include "seats/system/StatusReport.h"
@@ -21,10 +23,10 @@
 
 #include "Paths.h"
 
-#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDeadlineTimer>
+#include <QStringList>
 #include <QTextStream>
 
 #include <csignal>
@@ -136,25 +138,28 @@ int serve()
 
 int main(int argc, char* argv[])
 {
+    QStringList arguments;
+    for (int index = 1; index < argc; ++index) {
+        arguments.append(QString::fromLocal8Bit(argv[index]));
+    }
+    SeatsCommandLine commandLine;
+    const SeatsCommandLine::Action action = commandLine.parse(arguments);
+    if (action == SeatsCommandLine::Action::HELP) {
+        std::fputs(SeatsCommandLine::usageText(), stdout);
+        return 0;
+    }
+    if (action == SeatsCommandLine::Action::INVALID) {
+        std::fprintf(stderr, "orvanta-selvane-seats: %s\n", qPrintable(commandLine.getError()));
+        std::fputs(SeatsCommandLine::usageText(), stderr);
+        return 1;
+    }
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("orvanta-selvane-seats"));
-    QCommandLineParser parser;
-    parser.setApplicationDescription(
-        QStringLiteral("Plays the Orvanta platform for orvanta-selvane with systemd-logind."));
-    parser.addHelpOption();
-    const QCommandLineOption status(QStringLiteral("status"),
-                                    QStringLiteral("print the seats, stations and devices"));
-    const QCommandLineOption json(QStringLiteral("json"), QStringLiteral("print them as JSON"));
-    const QCommandLineOption releaseSeat(
-        QStringLiteral("release"),
-        QStringLiteral("(root) unassign the keyboards and mice of <seat>"), QStringLiteral("seat"));
-    parser.addOptions({status, json, releaseSeat});
-    parser.process(application);
-    if (parser.isSet(releaseSeat)) {
-        return release(parser.value(releaseSeat));
+    if (action == SeatsCommandLine::Action::RELEASE) {
+        return release(commandLine.getSeat());
     }
-    if (parser.isSet(status) || parser.isSet(json)) {
-        return printStatus(parser.isSet(json));
+    if (action == SeatsCommandLine::Action::STATUS) {
+        return printStatus(commandLine.isJson());
     }
     return serve();
 }

@@ -275,7 +275,8 @@ void LogindSeats::attachAnswered(const QString& seat, const QString& syspath,
         return;
     }
     const QString error = busErrorText(reply);
-    SELVANE_LOG(LEVEL_WARNING, "logind did not attach %s to %s: %s", qPrintable(syspath),
+    // A step of the attach: the caller logs the failure as its one Error.
+    SELVANE_LOG(LEVEL_INFO, "logind did not attach %s to %s: %s", qPrintable(syspath),
                 qPrintable(seat), qPrintable(error));
     done(false, error);
 }
