@@ -49,12 +49,13 @@ done
 mkdir -p "$work_dir" || exit 1
 work_dir=$(realpath "$work_dir") || exit 1
 
-# The package, built afresh from the build tree.
+# The daemon's package, built afresh from the build tree (cpack also makes the logind
+# bridge's, which this test leaves out).
 rm -rf "$work_dir/package"
 "$cpack" -G DEB -B "$work_dir/package" --config "$cpack_config" >"$work_dir/cpack.log" 2>&1 ||
     fail "cpack failed (see $work_dir/cpack.log)"
-package=$(find "$work_dir/package" -maxdepth 1 -name '*.deb' | head -n 1)
-[ -n "$package" ] || fail "cpack made no .deb"
+package=$(find "$work_dir/package" -maxdepth 1 -name 'orvanta-selvane_*.deb' | head -n 1)
+[ -n "$package" ] || fail "cpack made no orvanta-selvane_*.deb"
 
 # The root: systemd as init, the system bus, a user bus for lingering accounts, and the
 # package's dependencies (the first of each set of alternatives), so that dpkg installs the

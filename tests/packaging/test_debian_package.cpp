@@ -165,10 +165,14 @@ private Q_SLOTS:
             {QStringLiteral("-G"), QStringLiteral("DEB"), QStringLiteral("-B"), output.path(),
              QStringLiteral("--config"), QStringLiteral(SELVANE_CPACK_CONFIG)});
         QVERIFY2(cpack.status == 0, cpack.describe());
-        const QStringList packages =
-            QDir(output.path()).entryList({QStringLiteral("*.deb")}, QDir::Files);
-        QCOMPARE(packages.size(), 1);
-        package = output.filePath(packages.first());
+        // cpack makes the daemon's package and the logind bridge's
+        // (test_seats_package checks that one).
+        const QDir packages(output.path());
+        QCOMPARE(packages.entryList({QStringLiteral("*.deb")}, QDir::Files).size(), 2);
+        const QStringList daemonPackage =
+            packages.entryList({packageName + QStringLiteral("_*.deb")}, QDir::Files);
+        QCOMPARE(daemonPackage.size(), 1);
+        package = packages.filePath(daemonPackage.first());
     }
 
     void theControlFieldsNameThePackageAndItsDependencies()
