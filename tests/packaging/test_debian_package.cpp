@@ -1,4 +1,5 @@
 #include "DaemonRunner.h"
+#include "ScratchSystem.h"
 #include "TestFiles.h"
 #include "ToolRun.h"
 
@@ -11,11 +12,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <sched.h>
-#include <sys/mount.h>
 
 namespace {
 
@@ -46,24 +44,17 @@ QStringList errorLines(const QString& log)
         QRegularExpression(QStringLiteral(R"(^\[[^\]]+\] \[(Error|Bug)\] )")));
 }
 
-// The account's uid as the system sees it now (getent reads the user database
-// afresh), -1 when there is no such account.
+// The account's uid as the system sees it now, -1 when there is no such
+// account.
 int accountUid()
 {
-    const ToolRun getent =
-        ToolRun::run(QStringLiteral("getent"), {QStringLiteral("passwd"), account});
-    return getent.status == 0 ? getent.standardOutput.split(':').value(2).toInt() : -1;
+    return ServiceAccount::uid(account);
 }
 
-// Arguments of setpriv that run the command as the account, with the
-// environment that systemd gives a unit with User= (HOME, SHELL, USER, LOGNAME
-// and PATH) and the variables given before the command ("NAME=value").
+// setpriv's arguments that run the command as the account.
 QStringList asAccount(const QStringList& command)
 {
-    return QStringList{QStringLiteral("--reuid=") + account, QStringLiteral("--regid=") + account,
-                       QStringLiteral("--init-groups"), QStringLiteral("--reset-env"),
-                       QStringLiteral("env")} +
-           command;
+    return ServiceAccount::asAccount(account, command);
 }
 
 // Runs the installed orvanta-selvane as the account on the bus and returns its
@@ -89,65 +80,6 @@ int runInstalledDaemonAsAccount(const QStringList& arguments, const QString& bus
     return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
 
-// The host's /etc, /usr and /var under overlays whose writable layers lie on a
-// tmpfs, and an empty tmpfs on /run, all in the test's own mount namespace (see
-// main): dpkg and the maintainer scripts change these, the host never sees it.
-// With /run empty there is no /run/systemd/system, so the scripts act as where
-// systemd is not running (it is not PID 1 here either), and nothing reaches a
-// systemd of the host. Unmounted when destroyed.
-class ScratchSystem
-{
-public:
-    ScratchSystem()
-    {
-        mountOn(layers.path(), "tmpfs", QStringLiteral("mode=0700"));
-        for (const QString& dir :
-             {QStringLiteral("etc"), QStringLiteral("usr"), QStringLiteral("var")}) {
-            const QString upper = layers.filePath(dir + QStringLiteral("-upper"));
-            const QString work = layers.filePath(dir + QStringLiteral("-work"));
-            QDir().mkdir(upper);
-            QDir().mkdir(work);
-            mountOn(QLatin1Char('/') + dir, "overlay",
-                    QStringLiteral("lowerdir=/%1,upperdir=%2,workdir=%3").arg(dir, upper, work));
-        }
-        mountOn(QStringLiteral("/run"), "tmpfs", QStringLiteral("mode=0755"));
-    }
-
-    ~ScratchSystem()
-    {
-        for (auto target = mounted.crbegin(); target != mounted.crend(); ++target) {
-            umount2(QFile::encodeName(*target).constData(), MNT_DETACH);
-        }
-    }
-
-    ScratchSystem(const ScratchSystem&) = delete;
-    ScratchSystem& operator=(const ScratchSystem&) = delete;
-
-    // Why a mount failed, or an empty string.
-    QString error() const { return failure; }
-
-private:
-    // Mounts unless an earlier mount failed.
-    void mountOn(const QString& target, const char* type, const QString& options)
-    {
-        if (!failure.isEmpty()) {
-            return;
-        }
-        if (mount(type, QFile::encodeName(target).constData(), type, 0,
-                  options.toLocal8Bit().constData()) != 0) {
-            failure =
-                QStringLiteral("cannot mount %1 on %2: %3")
-                    .arg(QLatin1String(type), target, QString::fromLocal8Bit(strerror(errno)));
-            return;
-        }
-        mounted.append(target);
-    }
-
-    QTemporaryDir layers;
-    QStringList mounted;
-    QString failure;
-};
-
 } // namespace
 
 // Builds the Debian package from this build tree with cpack, checks it, runs
@@ -165,10 +97,14 @@ private Q_SLOTS:
             {QStringLiteral("-G"), QStringLiteral("DEB"), QStringLiteral("-B"), output.path(),
              QStringLiteral("--config"), QStringLiteral(SELVANE_CPACK_CONFIG)});
         QVERIFY2(cpack.status == 0, cpack.describe());
-        const QStringList packages =
-            QDir(output.path()).entryList({QStringLiteral("*.deb")}, QDir::Files);
-        QCOMPARE(packages.size(), 1);
-        package = output.filePath(packages.first());
+        // cpack makes the daemon's package and the logind bridge's
+        // (test_seats_package checks that one).
+        const QDir packages(output.path());
+        QCOMPARE(packages.entryList({QStringLiteral("*.deb")}, QDir::Files).size(), 2);
+        const QStringList daemonPackage =
+            packages.entryList({packageName + QStringLiteral("_*.deb")}, QDir::Files);
+        QCOMPARE(daemonPackage.size(), 1);
+        package = packages.filePath(daemonPackage.first());
     }
 
     void theControlFieldsNameThePackageAndItsDependencies()
@@ -477,10 +413,7 @@ int main(int argc, char** argv)
 {
     // The process's own mount namespace, made while it has one thread only
     // (unshare moves just the calling thread), for ScratchSystem's mounts.
-    const int namespaceError =
-        unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
-            ? 0
-            : errno;
+    const int namespaceError = ScratchSystem::privateMountNamespace();
     QCoreApplication app(argc, argv);
     const QString reason = unavailableReason(namespaceError);
     if (!reason.isEmpty()) {
