@@ -58,8 +58,6 @@ if [ ${#debs[@]} -gt 0 ]; then
     cp "${debs[@]}" "$root/tmp/debs/"
     chroot "$root" sh -c 'dpkg -i /tmp/debs/*.deb' >&2
     rm -rf "$root/tmp/debs"
-    chroot "$root" dpkg -s orvanta-selvane-seats >/dev/null 2>&1 ||
-        "$here/install-seats-drafts.sh" "$root"
 fi
 
 install -m 0755 "$here/seatvm-agent" "$root/usr/local/sbin/seatvm-agent"
