@@ -207,6 +207,7 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
+        run.start();
         QVERIFY(packages.isValid());
         QProcess cpack;
         cpack.setProcessChannelMode(QProcess::MergedChannels);
@@ -337,6 +338,11 @@ private Q_SLOTS:
         // complete, does not.
         QVERIFY(waitForPrompt(seatA, prompt(0, OverlayContent::STEP_KEYBOARD, 1, 1)));
         QVERIFY(waitForNoPrompt(seatB));
+        // Nor was it asked for in this boot, not even for a moment.
+        const QString log = bridgeLog();
+        QVERIFY2(!log.contains(QStringLiteral("configureKeyboard(11,")) &&
+                     !log.contains(QStringLiteral("configureMouse(11,")),
+                 qPrintable(log));
         const QMap<QString, QString> seats = seatsByPort();
         QCOMPARE(seats.value(portPath(portKeyboardB)), QStringLiteral("seat1"));
         QCOMPARE(seats.value(portPath(portMouseB)), QStringLiteral("seat1"));
@@ -370,11 +376,17 @@ private Q_SLOTS:
         QCOMPARE(errors.size(), 1);
         QVERIFY2(errors.first().contains(QStringLiteral("AttachDevice")),
                  qPrintable(errors.first()));
+        qInfo("the bridge's error: %s", qPrintable(errors.first()));
     }
 
-    void cleanupTestCase() { vm.stop(); }
+    void cleanupTestCase()
+    {
+        vm.stop();
+        qInfo("the whole run took %lld ms", run.elapsed());
+    }
 
 private:
+    QElapsedTimer run;
     QTemporaryDir packages;
     SeatVm vm;
     int screens = 0;
