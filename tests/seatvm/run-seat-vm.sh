@@ -15,9 +15,8 @@
 #   --qmp        the QMP socket qemu listens on
 #   --build-dir  the build directory, shared read-only at /build in the guest
 # Runs qemu in the foreground until the guest powers off or is killed (a
-# reboot keeps it running, with the same disk); the
-# console goes to standard output. Exit status 77 when mmdebstrap, qemu or
-# the Debian kernel is missing.
+# reboot keeps it running, with the same disk); the console goes to standard
+# output. Exit status 77 when mmdebstrap, qemu or the Debian kernel is missing.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
