@@ -368,6 +368,13 @@ private Q_SLOTS:
         QVERIFY2(system.error().isEmpty(), qPrintable(system.error()));
         QVERIFY(!QFileInfo::exists(QStringLiteral("/run/systemd/system")));
 
+        // polkitd keeps its rules directories to itself (mode 0700, where
+        // it is installed); the package's directory entry must not open them.
+        const QFileInfo rulesDir(QStringLiteral(SELVANE_POLKIT_RULES_DIR));
+        const bool rulesDirExisted = rulesDir.exists();
+        const QFile::Permissions rulesDirPermissions = rulesDir.permissions();
+        const uint rulesDirOwner = rulesDir.ownerId();
+
         // Both at once: dpkg configures the daemon's first, which makes the
         // account. The bridge's postinst enables the bus's socket and the
         // bridge; without systemd it starts nothing.
@@ -379,6 +386,12 @@ private Q_SLOTS:
             const QString unit = QFileInfo(enablementLinks.at(i)).fileName();
             QCOMPARE(QFile::symLinkTarget(enablementLinks.at(i)), unitDir + '/' + unit);
             QVERIFY(QFileInfo::exists(enablementRecords.at(i)));
+        }
+
+        if (rulesDirExisted) {
+            const QFileInfo installedRulesDir(QStringLiteral(SELVANE_POLKIT_RULES_DIR));
+            QCOMPARE(installedRulesDir.permissions(), rulesDirPermissions);
+            QCOMPARE(installedRulesDir.ownerId(), rulesDirOwner);
         }
 
         // systemd accepts the installed units, the daemon's with the drop-in,
