@@ -131,6 +131,20 @@ private Q_SLOTS:
         QCOMPARE(device->portForSeat, QStringLiteral("usb-pci-0000_00_05_0-usb-0_1"));
     }
 
+    void idForSeatOnTheInputParentCounts()
+    {
+        // As udev has it: the seat tag and ID_FOR_SEAT on inputN, ID_SEAT on the node.
+        QVector<DeviceRecord> ancestors = usbKeyboardAncestors();
+        ancestors.first().properties.insert(QStringLiteral("ID_FOR_SEAT"),
+                                            QStringLiteral("input-pci-0000_00_05_0-usb-0_1_1_0"));
+        const DeviceRecord node =
+            eventNode(keyboardInput, QStringLiteral("event3"),
+                      {{QStringLiteral("ID_INPUT_KEYBOARD"), QStringLiteral("1")}});
+        const std::optional<InputDeviceInfo> device = inputDeviceFrom(node, ancestors);
+        QVERIFY(device);
+        QCOMPARE(device->forSeat, QStringLiteral("input-pci-0000_00_05_0-usb-0_1_1_0"));
+    }
+
     void aMouseWithoutSeatOrParentName()
     {
         DeviceRecord parent = inputParent(QStringLiteral("/sys/devices/virtual/input/input9"));

@@ -185,6 +185,20 @@ private Q_SLOTS:
         QVERIFY(log.contains("Asked udev to evaluate " + keyboardB.port + " again"));
     }
 
+    void theDevicesBetweenPortAndInputAreEvaluatedAgainToo()
+    {
+        const SystemSnapshot snapshot = room();
+        const InputDeviceInfo& keyboardB = snapshot.inputDevices.at(1);
+        const QString usbInterface = keyboardB.port + QStringLiteral("/1-2:1.0");
+        QVERIFY(writeFile(usbInterface + QStringLiteral("/uevent"), {}));
+        const SeatRules::Release result =
+            SeatRules(rulesDir).release(QStringLiteral("seat1"), snapshot);
+        QCOMPARE(result.retriggered.mid(0, 4),
+                 (QStringList{keyboardB.port, usbInterface, QFileInfo(keyboardB.syspath).path(),
+                              keyboardB.syspath}));
+        QCOMPARE(ueventOf(usbInterface), QByteArray("change"));
+    }
+
     void aCardsRuleIsKeptEvenWhenAKeyboardSharesItsTag()
     {
         SystemSnapshot snapshot = room();

@@ -1,6 +1,7 @@
 #include "SeatVm.h"
 
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
@@ -17,6 +18,7 @@
 namespace {
 
 constexpr int pollMs = 100;
+constexpr char readyMarker[] = "SEATVM READY";
 
 QString runPath(const QTemporaryDir& dir, const QString& name)
 {
@@ -89,7 +91,7 @@ bool SeatVm::boot(const QString& workDir, const QString& buildDir, const QString
         failureText = QStringLiteral("run-seat-vm.sh did not start");
         return false;
     }
-    if (!waitForConsole("SEATVM READY", timeoutMs) || !connectQmp(5000)) {
+    if (!waitForConsole(readyMarker, 1, timeoutMs) || !connectQmp(5000)) {
         failureText = QStringLiteral("the guest did not come up:\n") + consoleTail();
         return false;
     }
@@ -97,11 +99,43 @@ bool SeatVm::boot(const QString& workDir, const QString& buildDir, const QString
     return true;
 }
 
-bool SeatVm::waitForConsole(const QByteArray& marker, int timeoutMs)
+bool SeatVm::reboot(int timeoutMs)
+{
+    QElapsedTimer started;
+    started.start();
+    const int booted = static_cast<int>(readAll(runPath(runDir, "console")).count(readyMarker));
+    // The reply may be lost as the guest goes down; the console tells.
+    run(QStringLiteral("systemctl reboot --no-block"), 5000);
+    // The next agent reads its requests from number 1 again.
+    const QString share = runPath(runDir, "share");
+    for (const char* directory : {"requests", "replies"}) {
+        QDir(share + QLatin1Char('/') + QLatin1String(directory)).removeRecursively();
+        QDir(share).mkdir(QLatin1String(directory));
+    }
+    nextRequest = 1;
+    if (!waitForConsole(readyMarker, booted + 1, timeoutMs)) {
+        failureText = QStringLiteral("the guest did not come up again:\n") + consoleTail();
+        return false;
+    }
+    bootTime = started.elapsed();
+    return true;
+}
+
+QString SeatVm::guestSharedPath(const QString& name)
+{
+    return QStringLiteral("/share/") + name;
+}
+
+QString SeatVm::hostSharedPath(const QString& name) const
+{
+    return runPath(runDir, QStringLiteral("share/") + name);
+}
+
+bool SeatVm::waitForConsole(const QByteArray& marker, int count, int timeoutMs)
 {
     const QDeadlineTimer deadline(timeoutMs);
     while (!deadline.hasExpired()) {
-        if (readAll(runPath(runDir, "console")).contains(marker)) {
+        if (readAll(runPath(runDir, "console")).count(marker) >= count) {
             return true;
         }
         if (qemu.state() == QProcess::NotRunning) {
@@ -123,8 +157,8 @@ bool SeatVm::connectQmp(int timeoutMs)
     memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
     qmpSocket.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!qmpSocket.isValid() ||
-        ::connect(qmpSocket.get(), reinterpret_cast<const sockaddr*>(&address),
-                  sizeof(address)) != 0) {
+        ::connect(qmpSocket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) !=
+            0) {
         return false;
     }
     // The greeting, then the capabilities' negotiation.
@@ -183,9 +217,19 @@ bool SeatVm::qmp(const QByteArray& command)
     return false;
 }
 
-bool SeatVm::tapKey(const QString& displayDevice, const QString& qcode)
+bool SeatVm::tapKeys(const QString& displayDevice, const QStringList& qcodes)
 {
-    return qmp(keyEvent(displayDevice, qcode, true)) && qmp(keyEvent(displayDevice, qcode, false));
+    for (const QString& qcode : qcodes) {
+        if (!qmp(keyEvent(displayDevice, qcode, true))) {
+            return false;
+        }
+    }
+    for (auto qcode = qcodes.crbegin(); qcode != qcodes.crend(); ++qcode) {
+        if (!qmp(keyEvent(displayDevice, *qcode, false))) {
+            return false;
+        }
+    }
+    return true;
 }
 
 bool SeatVm::click(const QString& displayDevice)

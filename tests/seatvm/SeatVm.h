@@ -36,18 +36,27 @@ public:
     // guest's agent is up. `workDir` keeps the cached root file system.
     bool boot(const QString& workDir, const QString& buildDir, const QStringList& debs,
               int timeoutMs);
-    // Why boot() failed, with the end of the console.
+    // Reboots the guest (its disk is kept) and waits until its agent is up
+    // again; the requests' numbers start again with it.
+    bool reboot(int timeoutMs);
+    // Why boot() or reboot() failed, with the end of the console.
     QString failure() const { return failureText; }
+    // How long the last boot or reboot took.
     qint64 bootMs() const { return bootTime; }
+
+    // The guest's path of a file in the shared directory, and the host's.
+    static QString guestSharedPath(const QString& name);
+    QString hostSharedPath(const QString& name) const;
 
     // Runs `script` with bash in the guest as root.
     Reply run(const QString& script, int timeoutMs = 20000);
     // Waits until `script` exits 0, running it again every 200 ms.
     bool waitUntil(const QString& script, int timeoutMs = 20000);
 
-    // A key of `displayDevice`'s keyboard, by QMP's qcode ("f2", "a"),
-    // pressed and released.
-    bool tapKey(const QString& displayDevice, const QString& qcode);
+    // Keys of `displayDevice`'s keyboard, by QMP's qcodes ("ctrl", "f2"):
+    // pressed in this order, each in a report of its own, then released in
+    // the reverse order.
+    bool tapKeys(const QString& displayDevice, const QStringList& qcodes);
     // A left click of `displayDevice`'s pointer.
     bool click(const QString& displayDevice);
     // Any QMP command; true when it returned.
@@ -58,7 +67,8 @@ public:
     QString consoleTail(int lines = 40) const;
 
 private:
-    bool waitForConsole(const QByteArray& marker, int timeoutMs);
+    // Waits until the console shows `marker` `count` times.
+    bool waitForConsole(const QByteArray& marker, int count, int timeoutMs);
     bool connectQmp(int timeoutMs);
     // The next line from QMP within `timeoutMs`, empty when none came.
     QByteArray readQmpLine(int timeoutMs);

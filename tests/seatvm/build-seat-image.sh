@@ -3,7 +3,7 @@
 # udev, polkit and Xvfb, from Debian's packages. The result is a directory kept
 # in the cache directory under a name made from the package list, so that a
 # second run with the same list reuses it; the project's own packages are put
-# in later, on every run (install-into-image.sh).
+# in later, on every run (run-seat-vm.sh).
 #
 # Usage: build-seat-image.sh CACHE_DIR
 # Prints the directory's path. Exit status 77 when mmdebstrap is missing.

@@ -14,9 +14,9 @@
 #   --share      the directory shared with the guest (requests/, replies/)
 #   --qmp        the QMP socket qemu listens on
 #   --build-dir  the build directory, shared read-only at /build in the guest
-# Runs qemu in the foreground until the guest powers off or is killed; the
-# console goes to standard output. Exit status 77 when mmdebstrap, qemu or
-# the Debian kernel is missing.
+# Runs qemu in the foreground until the guest powers off or is killed (a
+# reboot keeps it running, with the same disk); the console goes to standard
+# output. Exit status 77 when mmdebstrap, qemu or the Debian kernel is missing.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -76,7 +76,8 @@ cat >"$root/etc/systemd/system/seatvm-xvfb@.service" <<UNIT
 Description=Xvfb on :%i
 
 [Service]
-ExecStart=/usr/bin/Xvfb :%i -nolisten tcp -screen 0 1024x768x24
+# Any local client may draw: the daemon runs as its service account.
+ExecStart=/usr/bin/Xvfb :%i -ac -nolisten tcp -screen 0 1024x768x24
 
 [Install]
 WantedBy=multi-user.target
@@ -94,6 +95,14 @@ location = Emulated room
 display seat0 = :10
 display seat1 = :11
 CONF
+# seat1 is the second card's, as "loginctl attach seat1" would make it.
+cat >"$root/etc/udev/rules.d/72-seat-drm-pci-0000_00_03_0.rules" <<RULE
+TAG=="seat", ENV{ID_FOR_SEAT}=="drm-pci-0000_00_03_0", ENV{ID_SEAT}="seat1"
+RULE
+# A key combination whose command leaves its station behind for the host.
+cat >"$root/etc/orvanta/selvane-keys.conf" <<'KEYS'
+KEY_LEFTCTRL,KEY_LEFTALT:KEY_S:echo "$STATION_ID" > /tmp/seatvm-station-id
+KEYS
 echo "/dev/vda / ext4 rw 0 1" >"$root/etc/fstab"
 mkdir -p "$root$build_dir"
 
@@ -107,7 +116,7 @@ mkdir -p "$share/requests" "$share/replies"
 rm -f "$qmp"
 # No PS/2 controller: its keyboard and mouse would be two more devices for the seats.
 exec nice -n 10 "$qemu" -machine pc,i8042=off -accel tcg -cpu max -smp 2 -m 1536 \
-    -nodefaults -no-user-config -display none -no-reboot -serial stdio -monitor none \
+    -nodefaults -no-user-config -display none -serial stdio -monitor none \
     -qmp "unix:$qmp,server=on,wait=off" \
     -device VGA,id=gpuA -device bochs-display,id=gpuB \
     -device qemu-xhci,id=xhci \

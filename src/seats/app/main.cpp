@@ -28,7 +28,9 @@
 #include <QDeadlineTimer>
 #include <QStringList>
 #include <QTextStream>
+#include <QThread>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <unistd.h>
@@ -39,6 +41,8 @@ constexpr char logSource[] = "Main";
 constexpr char rulesDirectory[] = "/etc/udev/rules.d";
 // How long --status waits for logind's first reading.
 constexpr int statusWaitMs = 5000;
+// How long udevd may take to notice changed rule files (it looks every 3 s).
+constexpr int udevRulesReadMs = 3500;
 
 // logind's and udev's view now, read once; empty seats when logind did not answer.
 SystemSnapshot readSnapshot()
@@ -87,6 +91,15 @@ int printStatus(bool json)
     return 0;
 }
 
+// Whether a keyboard or mouse shows the seat in udev's database.
+bool showsSeat(const QString& seat)
+{
+    const QVector<InputDeviceInfo> devices = UdevInputDevices().snapshotInputDevices();
+    return std::any_of(devices.cbegin(), devices.cend(), [&seat](const InputDeviceInfo& device) {
+        return (device.keyboard || device.mouse) && device.seat == seat;
+    });
+}
+
 int release(const QString& seat)
 {
     if (geteuid() != 0) {
@@ -97,8 +110,22 @@ int release(const QString& seat)
         std::fprintf(stderr, "not a seat name: %s\n", qPrintable(seat));
         return 1;
     }
-    const SeatRules::Release done =
-        SeatRules(QString::fromLatin1(rulesDirectory)).release(seat, readSnapshot());
+    const SeatRules rules(QString::fromLatin1(rulesDirectory));
+    SeatRules::Release done = rules.release(seat, readSnapshot());
+    // udevd notices removed rule files only when it next looks, up to 3 s
+    // later: a device it evaluated before that still shows the seat, and is
+    // evaluated again once udevd has read the rules anew.
+    if (!done.removedFiles.isEmpty()) {
+        const QDeadlineTimer rulesRead(udevRulesReadMs);
+        while (showsSeat(seat) && !rulesRead.hasExpired()) {
+            QThread::msleep(100);
+        }
+        if (showsSeat(seat)) {
+            const SeatRules::Release again = rules.release(seat, readSnapshot());
+            done.retriggered += again.retriggered;
+            done.errors += again.errors;
+        }
+    }
     QTextStream out(stdout);
     for (const QString& file : done.removedFiles) {
         out << "removed " << file << '\n';

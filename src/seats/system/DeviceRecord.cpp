@@ -81,7 +81,16 @@ std::optional<InputDeviceInfo> inputDeviceFrom(const DeviceRecord& node,
     device.devnode = node.devnode;
     device.syspath = node.syspath;
     device.name = nameOf(node, ancestors);
+    // udev's seat rules tag the inputN device, not its event node: that is
+    // where ID_FOR_SEAT is (ID_SEAT is imported down to the node).
     device.forSeat = node.properties.value(QStringLiteral("ID_FOR_SEAT"));
+    for (auto ancestor = ancestors.cbegin();
+         device.forSeat.isEmpty() && ancestor != ancestors.cend(); ++ancestor) {
+        if (isInputParent(*ancestor)) {
+            device.forSeat = ancestor->properties.value(QStringLiteral("ID_FOR_SEAT"));
+            break;
+        }
+    }
     device.seat = node.properties.value(QStringLiteral("ID_SEAT"));
     if (const DeviceRecord* port = portRecord(ancestors)) {
         device.port = port->syspath;

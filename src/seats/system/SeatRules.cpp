@@ -78,11 +78,24 @@ void appendOnce(QStringList& list, const QString& item)
 }
 
 // The syspaths udev has to evaluate again for the device, parents before
-// children: its port, its inputN device and its event node.
+// children: its port, the devices between the port and its inputN device (a
+// USB interface, a HID device: udev passes the seat down through them, and
+// inputN would take it from them again), inputN and the event node.
 void appendPathsOf(QStringList& paths, const InputDeviceInfo& device)
 {
+    const QString input = QFileInfo(device.syspath).path();
     appendOnce(paths, device.port);
-    appendOnce(paths, QFileInfo(device.syspath).path());
+    if (!device.port.isEmpty() && input.startsWith(device.port + QLatin1Char('/'))) {
+        const QStringList steps = input.mid(device.port.size() + 1).split(QLatin1Char('/'));
+        QString path = device.port;
+        for (int step = 0; step + 1 < steps.size(); ++step) {
+            path += QLatin1Char('/') + steps.at(step);
+            if (QFileInfo::exists(path + QStringLiteral("/uevent"))) {
+                appendOnce(paths, path);
+            }
+        }
+    }
+    appendOnce(paths, input);
     appendOnce(paths, device.syspath);
 }
 
