@@ -6,8 +6,9 @@
 # A bound to the first card's display, B to the second's, so that QMP's input-send-event reaches one
 # chosen device. The project's packages are installed into a copy of the
 # cached root file system first; each seat has an Xvfb (seat0 :10, seat1
-# :11) named in seats.conf. The guest's agent runs the host's requests from
-# the shared directory (seatvm-agent).
+# :11) named in seats.conf, and the guest has a configuration for a real X
+# server of a seat (/etc/X11/seatvm-dummy.conf). The guest's agent runs the
+# host's requests from the shared directory (seatvm-agent).
 #
 # Usage: run-seat-vm.sh --work-dir DIR --share DIR --qmp SOCKET --build-dir DIR DEB...
 #   --work-dir   the cache of root file systems and this run's image
@@ -87,6 +88,32 @@ for unit in seatvm-agent.service seatvm-xvfb@10.service seatvm-xvfb@11.service; 
     template=${unit/@1[01]/@}
     ln -sf "/etc/systemd/system/$template" "$root/etc/systemd/system/multi-user.target.wants/$unit"
 done
+# A real X server's configuration for any seat, as a display manager would
+# start one with -seat: a screen of the dummy driver, and no graphics card
+# taken, so that the seats' cards stay free; its input devices are the ones
+# udev gives its seat, through libinput.
+cat >"$root/etc/X11/seatvm-dummy.conf" <<CONF
+Section "ServerFlags"
+    Option "AutoAddGPU" "false"
+    Option "AutoBindGPU" "false"
+EndSection
+
+Section "Device"
+    Identifier "dummy"
+    Driver "dummy"
+    VideoRam 16384
+EndSection
+
+Section "Screen"
+    Identifier "screen"
+    Device "dummy"
+    DefaultDepth 24
+    SubSection "Display"
+        Depth 24
+        Modes "1024x768"
+    EndSubSection
+EndSection
+CONF
 mkdir -p "$root/etc/orvanta"
 cat >"$root/etc/orvanta/seats.conf" <<CONF
 # The seat VM's stations: an Xvfb per seat.

@@ -4,7 +4,10 @@
 // keyboards and two USB tablets played through QMP. The slots run in order on
 // one guest, each going on from the state the one before left:
 //   after boot      every device unassigned, each station asks for its key
-//   claims          F2 on keyboard B gives it to seat1, a click on mouse B
+//   X servers       a real X server of seat1 and one of seat0, beside the
+//                   Xvfbs, as display managers start them: B is seat0's
+//   claims          F2 on keyboard B gives it to seat1, seat1's X server
+//                   takes it and seat0's lets it go, a click on mouse B
 //                   completes the station, a combination typed on B runs
 //                   with STATION_ID=1
 //   grab            keys of the unassigned keyboard A reach no other reader
@@ -37,6 +40,9 @@ const QString deviceB = QStringLiteral("gpuB");
 const QString seatA = QStringLiteral(":10");
 const QString seatB = QStringLiteral(":11");
 const QString stationIdFile = QStringLiteral("/tmp/seatvm-station-id");
+// The displays of the real X servers of seat1 and seat0.
+const QString xServerOfSeat1 = QStringLiteral("12");
+const QString xServerOfSeat0 = QStringLiteral("13");
 // What seats.conf in the guest names the room (run-seat-vm.sh).
 const QString roomName = QStringLiteral("Seat VM");
 const QString roomLocation = QStringLiteral("Emulated room");
@@ -49,6 +55,34 @@ constexpr int portMouseB = 4;
 QString portPath(int port)
 {
     return QStringLiteral("/sys/devices/pci0000:00/0000:00:04.0/usb1/1-%1").arg(port);
+}
+
+QString xServerUnit(const QString& display)
+{
+    return QStringLiteral("seatvm-xorg-%1").arg(display);
+}
+
+QString xServerLog(const QString& display)
+{
+    return QStringLiteral("/var/log/seatvm-xorg-%1.log").arg(display);
+}
+
+// A guest script that exits 0 when the X server's log says that it added the
+// input device `node` from udev.
+QString xServerAddedScript(const QString& display, const QString& node)
+{
+    return QStringLiteral("grep -F 'config/udev: Adding input device' %1 | grep -qF '(%2)'")
+        .arg(xServerLog(display), node);
+}
+
+// A guest script that exits 0 when the X server runs and has the input
+// device `node` open (`open`) or not (`!open`): an X server reads the devices
+// it uses and closes the ones it removed.
+QString xServerOpenScript(const QString& display, const QString& node, bool open)
+{
+    return QStringLiteral("files=$(ls -l /proc/$(systemctl show -P MainPID %1)/fd) && "
+                          "%2 grep -q ' %3$' <<<\"$files\"")
+        .arg(xServerUnit(display), open ? QString() : QStringLiteral("!"), node);
 }
 
 // A station's prompt as the daemon draws it.
@@ -198,6 +232,27 @@ private:
         return blank;
     }
 
+    // Starts a real X server of `seat` on `display` as a display manager
+    // would (the dummy driver's screen, its seat's input devices from udev),
+    // and waits until it takes clients.
+    bool startXServer(const QString& display, const QString& seat)
+    {
+        guest(QStringLiteral("systemd-run --quiet --unit=%1 /usr/lib/xorg/Xorg :%2 -seat %3 "
+                             "-config /etc/X11/seatvm-dummy.conf -noreset -nolisten tcp "
+                             "-logfile %4")
+                  .arg(xServerUnit(display), display, seat, xServerLog(display)));
+        const bool up =
+            waitFor(QStringLiteral("the X server of %1 on :%2").arg(seat, display),
+                    QStringLiteral(SEATVM_SCREENSHOT " :%1 /tmp/seatvm-xorg.png").arg(display));
+        if (!up) {
+            qInfo("its log:\n%s",
+                  qPrintable(vm.run(QStringLiteral("cat %1; systemctl status %2")
+                                        .arg(xServerLog(display), xServerUnit(display)))
+                                 .output));
+        }
+        return up;
+    }
+
     QString bridgeLog()
     {
         return vm.run(QStringLiteral("journalctl -b -o cat --no-pager -u orvanta-selvane-seats"))
@@ -252,6 +307,22 @@ private Q_SLOTS:
         }
     }
 
+    void realXServersOfTheSeatsTakeTheirSeatsDevices()
+    {
+        // The daemon keeps drawing its prompts on the Xvfbs; these servers
+        // only show which devices udev gives each seat's X server.
+        QVERIFY(startXServer(xServerOfSeat1, QStringLiteral("seat1")));
+        QVERIFY(startXServer(xServerOfSeat0, QStringLiteral("seat0")));
+        // Keyboard B is unassigned, so seat0's as far as X servers go.
+        const QString nodeB = eventNodeOnPort(portKeyboardB);
+        QVERIFY(waitFor(QStringLiteral("keyboard B in seat0's X server"),
+                        xServerAddedScript(xServerOfSeat0, nodeB) + QStringLiteral(" && ") +
+                            xServerOpenScript(xServerOfSeat0, nodeB, true)));
+        // Seat1's server took clients: it has looked at every device.
+        QCOMPARE(vm.run(xServerAddedScript(xServerOfSeat1, nodeB)).status, 1);
+        QCOMPARE(vm.run(xServerOpenScript(xServerOfSeat1, nodeB, false)).status, 0);
+    }
+
     void f2OnKeyboardBAndAClickOnMouseBCompleteStationOne()
     {
         const QString nodeB = eventNodeOnPort(portKeyboardB);
@@ -261,6 +332,12 @@ private Q_SLOTS:
             QStringLiteral("udevadm info -q property -n %1 | grep -qx ID_SEAT=seat1").arg(nodeB)));
         QVERIFY(guest(QStringLiteral("loginctl seat-status --no-pager seat1"))
                     .contains(portPath(portKeyboardB)));
+        // The seats' X servers follow udev's events for the moved device.
+        QVERIFY(waitFor(QStringLiteral("keyboard B in seat1's X server"),
+                        xServerAddedScript(xServerOfSeat1, nodeB) + QStringLiteral(" && ") +
+                            xServerOpenScript(xServerOfSeat1, nodeB, true)));
+        QVERIFY(waitFor(QStringLiteral("keyboard B out of seat0's X server"),
+                        xServerOpenScript(xServerOfSeat0, nodeB, false)));
         QVERIFY(waitForPrompt(seatB, prompt(1, OverlayContent::STEP_MOUSE, 2, 0)));
 
         // The bridge tells the daemon the keyboard's station once udev shows it.
@@ -272,9 +349,13 @@ private Q_SLOTS:
         QCOMPARE(guest(QStringLiteral("cat %1").arg(stationIdFile)).trimmed(), QStringLiteral("1"));
 
         QVERIFY(vm.click(deviceB));
+        const QString nodeMouseB = eventNodeOnPort(portMouseB);
         QVERIFY(waitFor(QStringLiteral("mouse B on seat1"),
                         QStringLiteral("udevadm info -q property -n %1 | grep -qx ID_SEAT=seat1")
-                            .arg(eventNodeOnPort(portMouseB))));
+                            .arg(nodeMouseB)));
+        QVERIFY(waitFor(QStringLiteral("mouse B in seat1's X server"),
+                        xServerAddedScript(xServerOfSeat1, nodeMouseB) + QStringLiteral(" && ") +
+                            xServerOpenScript(xServerOfSeat1, nodeMouseB, true)));
         QVERIFY(waitForNoPrompt(seatB));
     }
 
