@@ -357,6 +357,16 @@ private Q_SLOTS:
                         xServerAddedScript(xServerOfSeat1, nodeMouseB) + QStringLiteral(" && ") +
                             xServerOpenScript(xServerOfSeat1, nodeMouseB, true)));
         QVERIFY(waitForNoPrompt(seatB));
+
+        // The X servers have shown what they show; the other slots run
+        // without them.
+        QElapsedTimer stopping;
+        stopping.start();
+        const SeatVm::Reply stopped =
+            vm.run(QStringLiteral("systemctl stop %1 %2")
+                       .arg(xServerUnit(xServerOfSeat1), xServerUnit(xServerOfSeat0)));
+        qInfo("the X servers stopped after %lld ms", stopping.elapsed());
+        QVERIFY2(stopped.status == 0, qPrintable(stopped.output));
     }
 
     void keysOfTheUnassignedKeyboardReachNoOtherReader()
