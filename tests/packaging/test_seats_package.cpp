@@ -1,6 +1,5 @@
-#include "ScratchSystem.h"
+#include "PackageChecks.h"
 #include "TestFiles.h"
-#include "ToolRun.h"
 
 #include <QDir>
 #include <QFile>
@@ -14,8 +13,6 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <cstdio>
-#include <cstring>
 #include <sys/stat.h>
 
 namespace {
@@ -64,18 +61,6 @@ QString controlField(const QString& package, const QString& field)
     return run.status == 0 ? QString::fromUtf8(run.standardOutput).trimmed() : QString();
 }
 
-// systemd-analyze verify's complaints about the units, an empty string when it
-// has none.
-QString verifyUnits(const QStringList& units)
-{
-    const ToolRun verify = ToolRun::run(QStringLiteral("systemd-analyze"),
-                                        QStringList{QStringLiteral("verify")} + units);
-    if (verify.status == 0 && verify.standardOutput.isEmpty() && verify.standardError.isEmpty()) {
-        return QString();
-    }
-    return QString::fromUtf8(verify.describe());
-}
-
 // Asks the bus at the address for its id, through setpriv with the given
 // arguments (none: as root); the reply is printed to standard output.
 ToolRun askBusId(const QString& address, const QStringList& setprivArguments)
@@ -108,21 +93,13 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(output.isValid());
-        const ToolRun cpack = ToolRun::run(
-            QStringLiteral(SELVANE_CPACK),
-            {QStringLiteral("-G"), QStringLiteral("DEB"), QStringLiteral("-B"), output.path(),
-             QStringLiteral("--config"), QStringLiteral(SELVANE_CPACK_CONFIG)});
-        QVERIFY2(cpack.status == 0, cpack.describe());
-        const QDir packages(output.path());
-        QCOMPARE(packages.entryList({QStringLiteral("*.deb")}, QDir::Files).size(), 2);
-        const QStringList seats =
-            packages.entryList({packageName + QStringLiteral("_*.deb")}, QDir::Files);
-        const QStringList daemon =
-            packages.entryList({daemonPackageName + QStringLiteral("_*.deb")}, QDir::Files);
-        QCOMPARE(seats.size(), 1);
-        QCOMPARE(daemon.size(), 1);
-        package = packages.filePath(seats.first());
-        daemonPackage = packages.filePath(daemon.first());
+        QStringList packages;
+        const QString failure = PackageChecks::makePackages(
+            QStringLiteral(SELVANE_CPACK), QStringLiteral(SELVANE_CPACK_CONFIG), output.path(),
+            {packageName, daemonPackageName}, packages);
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
+        package = packages.at(0);
+        daemonPackage = packages.at(1);
     }
 
     void thePackageDependsOnTheDaemonsOfTheSameVersion()
@@ -154,31 +131,20 @@ private Q_SLOTS:
 
     void thePackageHoldsExactlyItsFiles()
     {
-        const ToolRun contents =
-            ToolRun::run(QStringLiteral("dpkg-deb"), {QStringLiteral("--contents"), package});
-        QVERIFY2(contents.status == 0, contents.describe());
-        // "-rw-r--r-- root/root 383 2026-11-23 04:22 ./lib/systemd/system/x.service";
-        // directories are left out.
-        const QRegularExpression entry(
-            QStringLiteral(R"(^([-dl])(\S+) root/root +\d+ \S+ \S+ \.(/\S*)$)"));
+        QList<PackageChecks::Entry> entries;
+        const QString failure = PackageChecks::entries(package, entries);
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
         QStringList files;
-        for (const QString& line : QString::fromUtf8(contents.standardOutput).split('\n')) {
-            if (line.isEmpty()) {
-                continue;
-            }
-            const QRegularExpressionMatch match = entry.match(line);
-            QVERIFY2(match.hasMatch(), qPrintable(line));
-            if (match.captured(1) == QLatin1String("d")) {
-                continue;
-            }
-            QCOMPARE(match.captured(1), QStringLiteral("-"));
-            const QString path = match.captured(3);
+        for (const PackageChecks::Entry& entry : entries) {
+            // Files alone, no links.
+            QVERIFY2(entry.type == QLatin1String("-") && entry.linkTarget.isEmpty(),
+                     qPrintable(entry.path));
             // The binary alone is executable; nothing is writable but by root.
-            const QString mode = path == QLatin1String(SELVANE_SEATS_BINARY)
+            const QString mode = entry.path == QLatin1String(SELVANE_SEATS_BINARY)
                                      ? QStringLiteral("rwxr-xr-x")
                                      : QStringLiteral("rw-r--r--");
-            QVERIFY2(match.captured(2) == mode, qPrintable(line));
-            files.append(path);
+            QVERIFY2(entry.mode == mode, qPrintable(entry.path + QLatin1Char(' ') + entry.mode));
+            files.append(entry.path);
         }
         files.sort();
         QStringList expected = fileLines(QStringLiteral(SELVANE_SEATS_PACKAGE_FILES));
@@ -190,10 +156,9 @@ private Q_SLOTS:
     {
         // Nothing in /etc: the room's settings are the administrator's file.
         QTemporaryDir control;
-        const ToolRun extract =
-            ToolRun::run(QStringLiteral("dpkg-deb"), {QStringLiteral("--control"), package,
-                                                      control.filePath(QStringLiteral("DEBIAN"))});
-        QVERIFY2(extract.status == 0, extract.describe());
+        const QString failure =
+            PackageChecks::extractControl(package, control.filePath(QStringLiteral("DEBIAN")));
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
         QVERIFY(!QFileInfo::exists(control.filePath(QStringLiteral("DEBIAN/conffiles"))));
         for (const QString& script :
              {QStringLiteral("postinst"), QStringLiteral("prerm"), QStringLiteral("postrm")}) {
@@ -204,18 +169,8 @@ private Q_SLOTS:
 
     void lintianFindsNoErrorOrWarning()
     {
-        const ToolRun lintian =
-            ToolRun::run(QStringLiteral("lintian"),
-                         {QStringLiteral("--fail-on"), QStringLiteral("error,warning"),
-                          QStringLiteral("--tag-display-limit"), QStringLiteral("0"), package});
-        const QStringList tags =
-            QString::fromUtf8(lintian.standardOutput).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        for (const QString& tag : tags) {
-            qInfo("%s", qPrintable(tag));
-        }
-        QVERIFY2(tags.filter(QRegularExpression(QStringLiteral("^[EW]: "))).isEmpty(),
-                 lintian.describe());
-        QVERIFY2(lintian.status == 0, lintian.describe());
+        const QString complaints = PackageChecks::lintianComplaints(package);
+        QVERIFY2(complaints.isEmpty(), qPrintable(complaints));
     }
 
     void thePackagedBridgeIsBuiltHardened()
@@ -224,23 +179,9 @@ private Q_SLOTS:
             QSKIP("The sanitizer builds leave the hardening flags out: FORTIFY_SOURCE and "
                   "AddressSanitizer do not go together");
         }
-        QTemporaryDir root;
-        const ToolRun unpack =
-            ToolRun::run(QStringLiteral("dpkg-deb"), {QStringLiteral("-x"), package, root.path()});
-        QVERIFY2(unpack.status == 0, unpack.describe());
-        // As for the daemon (test_debian_package): Debian 12's start files
-        // carry no control-flow protection notes.
-        const ToolRun check = ToolRun::run(QStringLiteral("hardening-check"),
-                                           {QStringLiteral("--nocfprotection"),
-                                            root.path() + QStringLiteral(SELVANE_SEATS_BINARY)});
-        qInfo("%s", check.standardOutput.constData());
-        QVERIFY2(check.status == 0, check.describe());
-        // "unknown" passes hardening-check; these must be found.
-        for (const char* line : {" Position Independent Executable: yes\n",
-                                 " Stack protected: yes\n", " Fortify Source functions: yes",
-                                 " Read-only relocations: yes\n", " Immediate binding: yes\n"}) {
-            QVERIFY2(check.standardOutput.contains(line), check.describe());
-        }
+        const QString gaps =
+            PackageChecks::hardeningGaps(package, QStringLiteral(SELVANE_SEATS_BINARY));
+        QVERIFY2(gaps.isEmpty(), qPrintable(gaps));
     }
 
     void thePolkitRuleLetsTheAccountAttachDevicesAndNothingElse()
@@ -348,18 +289,9 @@ private Q_SLOTS:
     void systemdRatesTheSandboxes()
     {
         QFETCH(QString, unit);
-        // "→ Overall exposure level for x.service: 0.9 SAFE 😀", from 0 (no
-        // exposure) to 10: neither needs a capability, a device or IP.
-        const ToolRun security = ToolRun::run(
-            QStringLiteral("systemd-analyze"),
-            {QStringLiteral("security"), QStringLiteral("--offline=true"), builtDir + '/' + unit});
-        QVERIFY2(security.status == 0, security.describe());
-        const QRegularExpressionMatch overall =
-            QRegularExpression(QStringLiteral(R"(Overall exposure level for \S+: (\d+\.\d) )"))
-                .match(QString::fromUtf8(security.standardOutput));
-        QVERIFY2(overall.hasMatch(), security.describe());
-        qInfo("%s", qPrintable(overall.captured(0)));
-        QVERIFY2(overall.captured(1).toDouble() <= 1.5, security.describe());
+        // Neither needs a capability, a device or IP.
+        const QString exposure = PackageChecks::exposureAbove(builtDir + '/' + unit, 1.5);
+        QVERIFY2(exposure.isEmpty(), qPrintable(exposure));
     }
 
     void dpkgInstallsRemovesAndPurgesThePackageWithoutSystemd()
@@ -397,10 +329,10 @@ private Q_SLOTS:
         // systemd accepts the installed units, the daemon's with the drop-in,
         // and finds the manual page they name.
         const QString verifyFailure =
-            verifyUnits({unitDir + QStringLiteral("/orvanta-selvane-bus.socket"),
-                         unitDir + QStringLiteral("/orvanta-selvane-bus.service"),
-                         unitDir + QStringLiteral("/orvanta-selvane-seats.service"),
-                         unitDir + QStringLiteral("/orvanta-selvane.service")});
+            PackageChecks::verifyUnits({unitDir + QStringLiteral("/orvanta-selvane-bus.socket"),
+                                        unitDir + QStringLiteral("/orvanta-selvane-bus.service"),
+                                        unitDir + QStringLiteral("/orvanta-selvane-seats.service"),
+                                        unitDir + QStringLiteral("/orvanta-selvane.service")});
         QVERIFY2(verifyFailure.isEmpty(), qPrintable(verifyFailure));
 
         // The installed bus, run as the account with its configuration, lets
@@ -473,52 +405,16 @@ private:
 // errno of making the process's mount namespace, 0 when that worked.
 QString unavailableReason(int namespaceError)
 {
-    const QString missing = ToolRun::missingProgram(
+    return PackageChecks::installUnavailableReason(
         {QStringLiteral(SELVANE_CPACK), QStringLiteral("dpkg-deb"),
          QStringLiteral("dpkg-shlibdeps"), QStringLiteral("lintian"), QStringLiteral("dpkg"),
          QStringLiteral("dpkg-query"), QStringLiteral("deb-systemd-helper"),
          QStringLiteral("systemd-sysusers"), QStringLiteral("systemd-analyze"),
          QStringLiteral("setpriv"), QStringLiteral("getent"), QStringLiteral("hardening-check"),
-         QStringLiteral("dbus-daemon"), QStringLiteral("dbus-send")});
-    if (!missing.isEmpty()) {
-        return missing + QStringLiteral(" is not installed");
-    }
-    if (namespaceError != 0) {
-        return QStringLiteral("cannot make a private mount namespace: ") +
-               QString::fromLocal8Bit(strerror(namespaceError));
-    }
-    // dpkg installs into copies of this machine's system, which must not have
-    // the packages or the account yet.
-    for (const QString& name : {daemonPackageName, packageName}) {
-        const ToolRun installed = ToolRun::run(
-            QStringLiteral("dpkg-query"),
-            {QStringLiteral("--show"), QStringLiteral("--showformat=${db:Status-Status}"), name});
-        if (installed.status == 0 && installed.standardOutput != "not-installed") {
-            return name + QStringLiteral(" is on this machine (") +
-                   QString::fromUtf8(installed.standardOutput) +
-                   QStringLiteral("): the test cannot install it afresh");
-        }
-    }
-    if (ServiceAccount::uid(account) >= 0) {
-        return QStringLiteral("the account ") + account +
-               QStringLiteral(" exists on this machine: the test cannot see the packages make it");
-    }
-    return ScratchSystem().error();
+         QStringLiteral("dbus-daemon"), QStringLiteral("dbus-send")},
+        namespaceError, {daemonPackageName, packageName}, account);
 }
 
-int main(int argc, char** argv)
-{
-    // Made while the process has one thread only, for ScratchSystem's mounts.
-    const int namespaceError = ScratchSystem::privateMountNamespace();
-    QCoreApplication app(argc, argv);
-    const QString reason = unavailableReason(namespaceError);
-    if (!reason.isEmpty()) {
-        std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));
-        return 77;
-    }
-    SeatsPackageTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
-}
+SELVANE_SCRATCH_SYSTEM_TEST_MAIN(SeatsPackageTest, unavailableReason)
 
 #include "test_seats_package.moc"
