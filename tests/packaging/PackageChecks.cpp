@@ -1,10 +1,10 @@
 #include "PackageChecks.h"
 
+#include "ScratchSystem.h"
+
 #include <QDir>
 #include <QRegularExpression>
 #include <QTemporaryDir>
-
-#include <cstring>
 
 namespace PackageChecks {
 
@@ -153,16 +153,12 @@ QString exposureAbove(const QString& unit, double most)
     return QString();
 }
 
-QString installUnavailableReason(const QStringList& programs, int namespaceError,
-                                 const QStringList& packages, const QString& account)
+QString installUnavailableReason(const QStringList& programs, const QStringList& packages,
+                                 const QString& account)
 {
     const QString missing = ToolRun::missingProgram(programs);
     if (!missing.isEmpty()) {
         return missing + QStringLiteral(" is not installed");
-    }
-    if (namespaceError != 0) {
-        return QStringLiteral("cannot make a private mount namespace: ") +
-               QString::fromLocal8Bit(strerror(namespaceError));
     }
     // dpkg installs into copies of this machine's system, which must not have
     // the packages or the account yet.
@@ -184,3 +180,24 @@ QString installUnavailableReason(const QStringList& programs, int namespaceError
 }
 
 } // namespace PackageChecks
+
+PackageTest::PackageTest(const QString& program, bool hardened)
+    : installedProgram(program), hardenedBuild(hardened)
+{
+}
+
+void PackageTest::lintianFindsNoErrorOrWarning()
+{
+    const QString complaints = PackageChecks::lintianComplaints(package);
+    QVERIFY2(complaints.isEmpty(), qPrintable(complaints));
+}
+
+void PackageTest::theProgramIsBuiltHardened()
+{
+    if (!hardenedBuild) {
+        QSKIP("The sanitizer builds leave the hardening flags out: FORTIFY_SOURCE and "
+              "AddressSanitizer do not go together");
+    }
+    const QString gaps = PackageChecks::hardeningGaps(package, installedProgram);
+    QVERIFY2(gaps.isEmpty(), qPrintable(gaps));
+}

@@ -1,14 +1,12 @@
 #pragma once
 
-#include "ScratchSystem.h"
 #include "ToolRun.h"
 
 #include <QList>
+#include <QObject>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
-
-#include <cstdio>
 
 // Checks of the Debian packages cpack makes and of the systemd units they
 // hold, as the packaging tests make them. Each returns what a failed
@@ -60,30 +58,33 @@ QString verifyUnits(const QStringList& units,
 QString exposureAbove(const QString& unit, double most);
 
 // Why a test cannot install the packages with dpkg into a ScratchSystem here,
-// or an empty string: a program it needs is missing, the process could not
-// make its mount namespace (namespaceError, the errno; 0 when that worked),
-// a package or the account the packages make is on this machine already, or
-// the mounts fail.
-QString installUnavailableReason(const QStringList& programs, int namespaceError,
-                                 const QStringList& packages, const QString& account);
+// or an empty string: a program it needs is missing, a package or the account
+// the packages make is on this machine already, or the mounts fail.
+QString installUnavailableReason(const QStringList& programs, const QStringList& packages,
+                                 const QString& account);
 
 } // namespace PackageChecks
 
-// Like QTEST_GUILESS_MAIN for a test that installs packages into a
-// ScratchSystem: the process's own mount namespace is made while it has one
-// thread only (unshare moves just the calling thread), and the test exits
-// with 77 (skipped) when unavailableReason(namespaceError) gives a reason.
-#define SELVANE_SCRATCH_SYSTEM_TEST_MAIN(TestObject, unavailableReason)                            \
-    int main(int argc, char** argv)                                                                \
-    {                                                                                              \
-        const int namespaceError = ScratchSystem::privateMountNamespace();                         \
-        QCoreApplication app(argc, argv);                                                          \
-        const QString reason = unavailableReason(namespaceError);                                  \
-        if (!reason.isEmpty()) {                                                                   \
-            std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));                                \
-            return 77;                                                                             \
-        }                                                                                          \
-        TestObject test;                                                                           \
-        QTEST_SET_MAIN_SOURCE_PATH                                                                 \
-        return QTest::qExec(&test, argc, argv);                                                    \
-    }
+// A test of one of the packages cpack makes, with the checks every such
+// package gets: lintian's, and hardening-check's of the program it installs.
+// The test's initTestCase sets `package`; these two run next, before the
+// test's own.
+class PackageTest : public QObject
+{
+    Q_OBJECT
+
+protected:
+    // The path the package installs its program at; whether the build has
+    // the hardening flags (the sanitizer builds leave them out).
+    PackageTest(const QString& program, bool hardened);
+
+    QString package; // the package's file
+
+private Q_SLOTS:
+    void lintianFindsNoErrorOrWarning();
+    void theProgramIsBuiltHardened();
+
+private:
+    const QString installedProgram;
+    const bool hardenedBuild;
+};

@@ -1,5 +1,6 @@
 #include "DaemonRunner.h"
 #include "PackageChecks.h"
+#include "ScratchSystem.h"
 #include "TestFiles.h"
 
 #include <QDir>
@@ -82,9 +83,12 @@ int runInstalledDaemonAsAccount(const QStringList& arguments, const QString& bus
 
 // Builds the Debian package from this build tree with cpack, checks it, runs
 // the daemon it installs, and installs, removes and purges it with dpkg.
-class DebianPackageTest : public QObject
+class DebianPackageTest : public PackageTest
 {
     Q_OBJECT
+
+public:
+    DebianPackageTest() : PackageTest(QStringLiteral(SELVANE_INSTALLED_BINARY), SELVANE_HARDENED) {}
 
 private Q_SLOTS:
     void initTestCase()
@@ -168,23 +172,6 @@ private Q_SLOTS:
             expectedFiles().filter(QRegularExpression(QStringLiteral("^/etc/")));
         QCOMPARE(inEtc.size(), 2);
         QCOMPARE(conffiles, inEtc);
-    }
-
-    void lintianFindsNoErrorOrWarning()
-    {
-        const QString complaints = PackageChecks::lintianComplaints(package);
-        QVERIFY2(complaints.isEmpty(), qPrintable(complaints));
-    }
-
-    void thePackagedDaemonIsBuiltHardened()
-    {
-        if (!SELVANE_HARDENED) {
-            QSKIP("The sanitizer builds leave the hardening flags out: FORTIFY_SOURCE and "
-                  "AddressSanitizer do not go together");
-        }
-        const QString gaps =
-            PackageChecks::hardeningGaps(package, QStringLiteral(SELVANE_INSTALLED_BINARY));
-        QVERIFY2(gaps.isEmpty(), qPrintable(gaps));
     }
 
     void theInstalledDaemonStartsAndStops()
@@ -316,12 +303,10 @@ private Q_SLOTS:
 
 private:
     QTemporaryDir output;
-    QString package;
 };
 
-// Why the test cannot run here, or an empty string. namespaceError is the
-// errno of making the process's mount namespace, 0 when that worked.
-QString unavailableReason(int namespaceError)
+// Why the test cannot run here, or an empty string.
+QString unavailableReason()
 {
     const QString daemonReason = DaemonRunner::unavailableReason();
     if (!daemonReason.isEmpty()) {
@@ -333,9 +318,15 @@ QString unavailableReason(int namespaceError)
          QStringLiteral("dpkg-query"), QStringLiteral("deb-systemd-helper"),
          QStringLiteral("systemd-sysusers"), QStringLiteral("systemd-analyze"),
          QStringLiteral("setpriv"), QStringLiteral("getent"), QStringLiteral("hardening-check")},
-        namespaceError, {packageName}, account);
+        {packageName}, account);
 }
 
-SELVANE_SCRATCH_SYSTEM_TEST_MAIN(DebianPackageTest, unavailableReason)
+int main(int argc, char** argv)
+{
+    // Made while the process has one thread only, for ScratchSystem's mounts.
+    ScratchSystem::privateMountNamespace();
+    return runUnlessUnavailable<QCoreApplication, DebianPackageTest>(argc, argv,
+                                                                     &unavailableReason);
+}
 
 #include "test_debian_package.moc"

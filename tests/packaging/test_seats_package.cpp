@@ -1,4 +1,6 @@
+#include "DaemonRunner.h"
 #include "PackageChecks.h"
+#include "ScratchSystem.h"
 #include "TestFiles.h"
 
 #include <QDir>
@@ -85,9 +87,12 @@ bool answered(const ToolRun& run)
 // Builds both Debian packages from this build tree with cpack and checks the
 // logind bridge's: its control fields, files, polkit rule, units and bus, and
 // installing, removing and purging it with dpkg.
-class SeatsPackageTest : public QObject
+class SeatsPackageTest : public PackageTest
 {
     Q_OBJECT
+
+public:
+    SeatsPackageTest() : PackageTest(QStringLiteral(SELVANE_SEATS_BINARY), SELVANE_HARDENED) {}
 
 private Q_SLOTS:
     void initTestCase()
@@ -165,23 +170,6 @@ private Q_SLOTS:
             const QFileInfo info(control.filePath(QStringLiteral("DEBIAN/") + script));
             QVERIFY2(info.exists() && info.isExecutable(), qPrintable(script));
         }
-    }
-
-    void lintianFindsNoErrorOrWarning()
-    {
-        const QString complaints = PackageChecks::lintianComplaints(package);
-        QVERIFY2(complaints.isEmpty(), qPrintable(complaints));
-    }
-
-    void thePackagedBridgeIsBuiltHardened()
-    {
-        if (!SELVANE_HARDENED) {
-            QSKIP("The sanitizer builds leave the hardening flags out: FORTIFY_SOURCE and "
-                  "AddressSanitizer do not go together");
-        }
-        const QString gaps =
-            PackageChecks::hardeningGaps(package, QStringLiteral(SELVANE_SEATS_BINARY));
-        QVERIFY2(gaps.isEmpty(), qPrintable(gaps));
     }
 
     void thePolkitRuleLetsTheAccountAttachDevicesAndNothingElse()
@@ -397,13 +385,11 @@ private Q_SLOTS:
 
 private:
     QTemporaryDir output;
-    QString package;
     QString daemonPackage;
 };
 
-// Why the test cannot run here, or an empty string. namespaceError is the
-// errno of making the process's mount namespace, 0 when that worked.
-QString unavailableReason(int namespaceError)
+// Why the test cannot run here, or an empty string.
+QString unavailableReason()
 {
     return PackageChecks::installUnavailableReason(
         {QStringLiteral(SELVANE_CPACK), QStringLiteral("dpkg-deb"),
@@ -412,9 +398,14 @@ QString unavailableReason(int namespaceError)
          QStringLiteral("systemd-sysusers"), QStringLiteral("systemd-analyze"),
          QStringLiteral("setpriv"), QStringLiteral("getent"), QStringLiteral("hardening-check"),
          QStringLiteral("dbus-daemon"), QStringLiteral("dbus-send")},
-        namespaceError, {daemonPackageName, packageName}, account);
+        {daemonPackageName, packageName}, account);
 }
 
-SELVANE_SCRATCH_SYSTEM_TEST_MAIN(SeatsPackageTest, unavailableReason)
+int main(int argc, char** argv)
+{
+    // Made while the process has one thread only, for ScratchSystem's mounts.
+    ScratchSystem::privateMountNamespace();
+    return runUnlessUnavailable<QCoreApplication, SeatsPackageTest>(argc, argv, &unavailableReason);
+}
 
 #include "test_seats_package.moc"
