@@ -8,35 +8,6 @@
 
 namespace PackageChecks {
 
-QString makePackages(const QString& cpack, const QString& config, const QString& directory,
-                     const QStringList& names, QStringList& files)
-{
-    const ToolRun run =
-        ToolRun::run(cpack, {QStringLiteral("-G"), QStringLiteral("DEB"), QStringLiteral("-B"),
-                             directory, QStringLiteral("--config"), config});
-    if (run.status != 0) {
-        return QString::fromUtf8(run.describe());
-    }
-    const QDir packages(directory);
-    const QStringList all = packages.entryList({QStringLiteral("*.deb")}, QDir::Files);
-    files.clear();
-    for (const QString& name : names) {
-        const QStringList named =
-            packages.entryList({name + QStringLiteral("_*.deb")}, QDir::Files);
-        if (named.size() != 1) {
-            return QStringLiteral("cpack made %1 files of %2: %3")
-                .arg(named.size())
-                .arg(name, all.join(QLatin1Char(' ')));
-        }
-        files.append(packages.filePath(named.first()));
-    }
-    if (all.size() != names.size()) {
-        return QStringLiteral("cpack made other packages than %1: %2")
-            .arg(names.join(QLatin1Char(' ')), all.join(QLatin1Char(' ')));
-    }
-    return QString();
-}
-
 QString entries(const QString& package, QList<Entry>& found)
 {
     const ToolRun contents =
@@ -153,10 +124,17 @@ QString exposureAbove(const QString& unit, double most)
     return QString();
 }
 
-QString installUnavailableReason(const QStringList& programs, const QStringList& packages,
+QString installUnavailableReason(const QStringList& ownPrograms, const QStringList& packages,
                                  const QString& account)
 {
-    const QString missing = ToolRun::missingProgram(programs);
+    const QString missing = ToolRun::missingProgram(
+        QStringList{QStringLiteral(SELVANE_CPACK), QStringLiteral("dpkg-deb"),
+                    QStringLiteral("dpkg-shlibdeps"), QStringLiteral("lintian"),
+                    QStringLiteral("dpkg"), QStringLiteral("dpkg-query"),
+                    QStringLiteral("deb-systemd-helper"), QStringLiteral("systemd-sysusers"),
+                    QStringLiteral("systemd-analyze"), QStringLiteral("setpriv"),
+                    QStringLiteral("getent"), QStringLiteral("hardening-check")} +
+        ownPrograms);
     if (!missing.isEmpty()) {
         return missing + QStringLiteral(" is not installed");
     }
@@ -181,9 +159,63 @@ QString installUnavailableReason(const QStringList& programs, const QStringList&
 
 } // namespace PackageChecks
 
-PackageTest::PackageTest(const QString& program, bool hardened)
-    : installedProgram(program), hardenedBuild(hardened)
+namespace {
+
+// The packages cpack makes.
+const QStringList packageNames = {QStringLiteral("orvanta-selvane"),
+                                  QStringLiteral("orvanta-selvane-seats")};
+
+// Runs cpack to make the Debian packages in the directory, then finds the file
+// ("NAME_*.deb") of each named package there, in the order of the names.
+// Fails unless there is one file for each name and none besides.
+QString makePackages(const QString& directory, const QStringList& names, QStringList& files)
 {
+    const ToolRun run =
+        ToolRun::run(QStringLiteral(SELVANE_CPACK),
+                     {QStringLiteral("-G"), QStringLiteral("DEB"), QStringLiteral("-B"), directory,
+                      QStringLiteral("--config"), QStringLiteral(SELVANE_CPACK_CONFIG)});
+    if (run.status != 0) {
+        return QString::fromUtf8(run.describe());
+    }
+    const QDir packages(directory);
+    const QStringList all = packages.entryList({QStringLiteral("*.deb")}, QDir::Files);
+    files.clear();
+    for (const QString& name : names) {
+        const QStringList named =
+            packages.entryList({name + QStringLiteral("_*.deb")}, QDir::Files);
+        if (named.size() != 1) {
+            return QStringLiteral("cpack made %1 files of %2: %3")
+                .arg(named.size())
+                .arg(name, all.join(QLatin1Char(' ')));
+        }
+        files.append(packages.filePath(named.first()));
+    }
+    if (all.size() != names.size()) {
+        return QStringLiteral("cpack made other packages than %1: %2")
+            .arg(names.join(QLatin1Char(' ')), all.join(QLatin1Char(' ')));
+    }
+    return QString();
+}
+
+} // namespace
+
+PackageTest::PackageTest(const QString& name, const QString& program)
+    : checkedName(name), installedProgram(program)
+{
+}
+
+QString PackageTest::packageFile(const QString& name) const
+{
+    return packages.value(packageNames.indexOf(name));
+}
+
+void PackageTest::initTestCase()
+{
+    QVERIFY(output.isValid());
+    const QString failure = makePackages(output.path(), packageNames, packages);
+    QVERIFY2(failure.isEmpty(), qPrintable(failure));
+    package = packageFile(checkedName);
+    QVERIFY2(!package.isEmpty(), qPrintable(checkedName));
 }
 
 void PackageTest::lintianFindsNoErrorOrWarning()
@@ -194,7 +226,7 @@ void PackageTest::lintianFindsNoErrorOrWarning()
 
 void PackageTest::theProgramIsBuiltHardened()
 {
-    if (!hardenedBuild) {
+    if (!SELVANE_HARDENED) {
         QSKIP("The sanitizer builds leave the hardening flags out: FORTIFY_SOURCE and "
               "AddressSanitizer do not go together");
     }

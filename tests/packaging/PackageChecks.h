@@ -7,6 +7,7 @@
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
+#include <QTemporaryDir>
 
 // Checks of the Debian packages cpack makes and of the systemd units they
 // hold, as the packaging tests make them. Each returns what a failed
@@ -21,13 +22,6 @@ struct Entry
     QString path;       // "/lib/systemd/system/x.service"
     QString linkTarget; // a link's target, else empty
 };
-
-// Runs cpack with the configuration to make the Debian packages in the
-// directory, then finds the file ("NAME_*.deb") of each named package there,
-// in the order of the names. Fails unless there is one file for each name
-// and none besides.
-QString makePackages(const QString& cpack, const QString& config, const QString& directory,
-                     const QStringList& names, QStringList& files);
 
 // The package's entries but its directories, every one of which must be
 // owned by root.
@@ -57,34 +51,42 @@ QString verifyUnits(const QStringList& units,
 // printed; fails when that is above the most, from 0 (no exposure) to 10.
 QString exposureAbove(const QString& unit, double most);
 
-// Why a test cannot install the packages with dpkg into a ScratchSystem here,
-// or an empty string: a program it needs is missing, a package or the account
-// the packages make is on this machine already, or the mounts fail.
-QString installUnavailableReason(const QStringList& programs, const QStringList& packages,
+// Why a PackageTest that installs the packages with dpkg into a ScratchSystem
+// cannot run here, or an empty string: a program it needs is missing (cpack,
+// dpkg and its helpers, lintian, hardening-check, systemd's tools, setpriv,
+// or one of the test's own programs), a package or the account the packages
+// make is on this machine already, or the mounts fail.
+QString installUnavailableReason(const QStringList& ownPrograms, const QStringList& packages,
                                  const QString& account);
 
 } // namespace PackageChecks
 
-// A test of one of the packages cpack makes, with the checks every such
-// package gets: lintian's, and hardening-check's of the program it installs.
-// The test's initTestCase sets `package`; these two run next, before the
-// test's own.
+// A test of one of the two packages cpack makes from the build tree, the
+// daemon's and the logind bridge's, with the checks every package gets:
+// lintian's, and hardening-check's of the program it installs. initTestCase
+// makes both packages; these two checks run next, before the test's own.
 class PackageTest : public QObject
 {
     Q_OBJECT
 
 protected:
-    // The path the package installs its program at; whether the build has
-    // the hardening flags (the sanitizer builds leave them out).
-    PackageTest(const QString& program, bool hardened);
+    // The name of the package the test checks, and the path it installs its
+    // program at.
+    PackageTest(const QString& name, const QString& program);
 
-    QString package; // the package's file
+    // The file of the package of the name, made by initTestCase.
+    QString packageFile(const QString& name) const;
+
+    QString package; // the checked package's file
 
 private Q_SLOTS:
+    void initTestCase();
     void lintianFindsNoErrorOrWarning();
     void theProgramIsBuiltHardened();
 
 private:
+    const QString checkedName;
     const QString installedProgram;
-    const bool hardenedBuild;
+    QTemporaryDir output;
+    QStringList packages; // the files, in the order of packageNames
 };

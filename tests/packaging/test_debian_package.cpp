@@ -88,22 +88,9 @@ class DebianPackageTest : public PackageTest
     Q_OBJECT
 
 public:
-    DebianPackageTest() : PackageTest(QStringLiteral(SELVANE_INSTALLED_BINARY), SELVANE_HARDENED) {}
+    DebianPackageTest() : PackageTest(packageName, QStringLiteral(SELVANE_INSTALLED_BINARY)) {}
 
 private Q_SLOTS:
-    void initTestCase()
-    {
-        QVERIFY(output.isValid());
-        // cpack makes the daemon's package and the logind bridge's
-        // (test_seats_package checks that one).
-        QStringList packages;
-        const QString failure = PackageChecks::makePackages(
-            QStringLiteral(SELVANE_CPACK), QStringLiteral(SELVANE_CPACK_CONFIG), output.path(),
-            {packageName, QStringLiteral("orvanta-selvane-seats")}, packages);
-        QVERIFY2(failure.isEmpty(), qPrintable(failure));
-        package = packages.first();
-    }
-
     void theControlFieldsNameThePackageAndItsDependencies()
     {
         const ToolRun fields =
@@ -300,9 +287,6 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(pidDir));
         QCOMPARE(accountUid(), uid);
     }
-
-private:
-    QTemporaryDir output;
 };
 
 // Why the test cannot run here, or an empty string.
@@ -312,13 +296,7 @@ QString unavailableReason()
     if (!daemonReason.isEmpty()) {
         return daemonReason;
     }
-    return PackageChecks::installUnavailableReason(
-        {QStringLiteral(SELVANE_CPACK), QStringLiteral("dpkg-deb"),
-         QStringLiteral("dpkg-shlibdeps"), QStringLiteral("lintian"), QStringLiteral("dpkg"),
-         QStringLiteral("dpkg-query"), QStringLiteral("deb-systemd-helper"),
-         QStringLiteral("systemd-sysusers"), QStringLiteral("systemd-analyze"),
-         QStringLiteral("setpriv"), QStringLiteral("getent"), QStringLiteral("hardening-check")},
-        {packageName}, account);
+    return PackageChecks::installUnavailableReason({}, {packageName}, account);
 }
 
 int main(int argc, char** argv)
