@@ -2,6 +2,7 @@
 // fake logind on a private bus, with udev's ID_SEAT told by the test: the seat
 // showing at once or only after AttachDevice was asked again, logind refusing,
 // the seat never showing, and answers that come after the outcome.
+#include "ConnectionPair.h"
 #include "DaemonRunner.h"
 #include "FakeLogind.h"
 #include "LogCapture.h"
@@ -38,9 +39,7 @@ private:
         QString failedStep;
     };
 
-    int round = 0;
-    QString logindName;
-    QString bridgeName;
+    std::unique_ptr<ConnectionPair> connections;
     std::unique_ptr<FakeLogind> logind;
     std::unique_ptr<LogindSeats> seats;
     std::unique_ptr<LogCapture> log;
@@ -109,17 +108,13 @@ private Q_SLOTS:
 
     void init()
     {
-        ++round;
-        const QString address = QString::fromLocal8Bit(qgetenv("DBUS_SESSION_BUS_ADDRESS"));
-        logindName = QStringLiteral("logind%1").arg(round);
-        bridgeName = QStringLiteral("bridge%1").arg(round);
-        QVERIFY(QDBusConnection::connectToBus(address, logindName).isConnected());
-        QVERIFY(QDBusConnection::connectToBus(address, bridgeName).isConnected());
-        logind = std::make_unique<FakeLogind>(QDBusConnection(logindName));
+        connections = std::make_unique<ConnectionPair>();
+        QVERIFY(connections->isConnected());
+        logind = std::make_unique<FakeLogind>(connections->services());
         QVERIFY(logind->claimName());
         // logind's answers come when the test sends them, not as time-outs.
-        seats = std::make_unique<LogindSeats>(QDBusConnection(bridgeName), nullptr, callTimeoutMs,
-                                              waitMs);
+        seats =
+            std::make_unique<LogindSeats>(connections->tested(), nullptr, callTimeoutMs, waitMs);
         log = std::make_unique<LogCapture>();
         outcomes.clear();
     }
@@ -130,8 +125,7 @@ private Q_SLOTS:
         seats.reset();
         log.reset();
         logind.reset();
-        QDBusConnection::disconnectFromBus(logindName);
-        QDBusConnection::disconnectFromBus(bridgeName);
+        connections.reset();
     }
 
     void theSeatShowingAtOnceIsSuccess()
