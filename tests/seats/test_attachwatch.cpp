@@ -103,6 +103,15 @@ private:
 
     static QString info(const QString& text) { return QStringLiteral("Info: ") + text; }
 
+    // The watch's lines for its start, logind's answer and the seat showing.
+    const QString attachingLine = info(
+        QStringLiteral("Attaching /dev/input/event5 (port "
+                       "/sys/devices/pci0000:00/0000:00:04.0/usb1/1-2) to seat1 for station 1"));
+    const QString attachedLine =
+        info(QStringLiteral("logind attached /sys/devices/pci0000:00/0000:00:04.0/usb1/1-2 to "
+                            "seat1 after N ms; waiting for udev"));
+    const QString onSeatLine = info(QStringLiteral("/dev/input/event5 is on seat1 after N ms"));
+
 private Q_SLOTS:
     void initTestCase() { registerLogindTypes(); }
 
@@ -141,13 +150,7 @@ private Q_SLOTS:
         QCOMPARE(outcomes.at(0).devicePath, devicePath);
         QCOMPARE(outcomes.at(0).failedStep, QString());
         QCOMPARE(logind->manager.attachCalls, (QList<QVariantList>{{seat, port, false}}));
-        QCOMPARE(watchLines(),
-                 (QStringList{info("Attaching /dev/input/event5 (port "
-                                   "/sys/devices/pci0000:00/0000:00:04.0/usb1/1-2) to seat1 "
-                                   "for station 1"),
-                              info("logind attached /sys/devices/pci0000:00/0000:00:04.0/usb1/1-2 "
-                                   "to seat1 after N ms; waiting for udev"),
-                              info("/dev/input/event5 is on seat1 after N ms")}));
+        QCOMPARE(watchLines(), (QStringList{attachingLine, attachedLine, onSeatLine}));
         // Neither the re-ask nor the deadline follows.
         QVERIFY(staysQuiet(1));
         QCOMPARE(logind->manager.attachCalls.size(), 1);
@@ -180,14 +183,10 @@ private Q_SLOTS:
         QCOMPARE(outcomes.size(), 1);
         QCOMPARE(outcomes.at(0).failedStep, QString());
         QCOMPARE(watchLines(),
-                 (QStringList{info("Attaching /dev/input/event5 (port "
-                                   "/sys/devices/pci0000:00/0000:00:04.0/usb1/1-2) to seat1 "
-                                   "for station 1"),
-                              info("logind attached /sys/devices/pci0000:00/0000:00:04.0/usb1/1-2 "
-                                   "to seat1 after N ms; waiting for udev"),
+                 (QStringList{attachingLine, attachedLine,
                               info("udev shows no seat for /dev/input/event5 after N ms: asking "
                                    "logind again"),
-                              info("/dev/input/event5 is on seat1 after N ms")}));
+                              onSeatLine}));
         QVERIFY(staysQuiet(1));
         QCOMPARE(logind->manager.attachCalls.size(), 2);
     }
@@ -218,10 +217,7 @@ private Q_SLOTS:
                  QStringLiteral("AttachDevice: %1: %2").arg(error, message));
         // The watch logs no Error of its own: the one Error naming the step is
         // its owner's, written from the outcome.
-        QCOMPARE(watchLines(),
-                 (QStringList{info("Attaching /dev/input/event5 (port "
-                                   "/sys/devices/pci0000:00/0000:00:04.0/usb1/1-2) to seat1 "
-                                   "for station 1")}));
+        QCOMPARE(watchLines(), (QStringList{attachingLine}));
         // Nothing is asked again, and a seat shown now changes nothing.
         watch->seatSeen(seat);
         QVERIFY(staysQuiet(1));
