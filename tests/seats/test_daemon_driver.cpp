@@ -54,6 +54,16 @@ const QStringList stationOneComplete = stationOneAtTheMouseStep + mouseTaken("mo
 const QStringList bothComplete =
     stationOneComplete + keyboardTaken("kbdA", 0, "1-1") + mouseTaken("mouseA", 0, "1-3");
 
+// Both stations complete, after a reboot: every assignment holds and no
+// station asks.
+const QStringList bothRebooted = bothComplete + QStringList{
+                                                    "> reboot",
+                                                    "deviceAddedToStation(kbdA, 0)",
+                                                    "deviceAddedToStation(kbdB, 1)",
+                                                    "deviceAddedToStation(mouseA, 0)",
+                                                    "deviceAddedToStation(mouseB, 1)",
+                                                };
+
 // Both stations at the mouse step: :0 holds the mouse button, :1 waits for it.
 const QStringList bothAtTheMouseStep =
     bootLines + keyboardTaken("kbdA", 0, "1-1") + keyboardTaken("kbdB", 1, "1-2");
@@ -90,21 +100,9 @@ private Q_SLOTS:
                                         "deviceRemovedFromStation(kbdB)",
                                         "deviceAddedToStation(kbdC, 1)",
                                     };
-        QTest::newRow("after a reboot every assignment holds and no station asks")
-            << bothComplete + QStringList{
-                                  "> reboot",
-                                  "deviceAddedToStation(kbdA, 0)",
-                                  "deviceAddedToStation(kbdB, 1)",
-                                  "deviceAddedToStation(mouseA, 0)",
-                                  "deviceAddedToStation(mouseB, 1)",
-                              };
+        QTest::newRow("after a reboot every assignment holds and no station asks") << bothRebooted;
         QTest::newRow("released, seat1's devices are unassigned and its prompt comes back")
-            << bothComplete + QStringList{
-                                  "> reboot",
-                                  "deviceAddedToStation(kbdA, 0)",
-                                  "deviceAddedToStation(kbdB, 1)",
-                                  "deviceAddedToStation(mouseA, 0)",
-                                  "deviceAddedToStation(mouseB, 1)",
+            << bothRebooted + QStringList{
                                   "> release seat1",
                                   "deviceRemovedFromStation(kbdB)",
                                   "deviceRemovedFromStation(mouseB)",
