@@ -10,8 +10,22 @@
 #include <sched.h>
 #include <sys/mount.h>
 
+namespace {
+
+// The errno of making the private mount namespace, 0 once it is made, -1
+// before privateMountNamespace.
+int namespaceError = -1;
+
+} // namespace
+
 ScratchSystem::ScratchSystem()
 {
+    if (namespaceError < 0) {
+        failure = QStringLiteral("the process has no private mount namespace");
+    } else if (namespaceError > 0) {
+        failure = QStringLiteral("cannot make a private mount namespace: ") +
+                  QString::fromLocal8Bit(strerror(namespaceError));
+    }
     mountOn(layers.path(), "tmpfs", QStringLiteral("mode=0700"));
     for (const QString& dir :
          {QStringLiteral("etc"), QStringLiteral("usr"), QStringLiteral("var")}) {
@@ -32,12 +46,12 @@ ScratchSystem::~ScratchSystem()
     }
 }
 
-int ScratchSystem::privateMountNamespace()
+void ScratchSystem::privateMountNamespace()
 {
-    return unshare(CLONE_NEWNS) == 0 &&
-                   mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
-               ? 0
-               : errno;
+    namespaceError =
+        unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
+            ? 0
+            : errno;
 }
 
 void ScratchSystem::mountOn(const QString& target, const char* type, const QString& options)

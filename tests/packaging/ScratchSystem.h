@@ -24,9 +24,9 @@ public:
 
     // Makes the calling process's own mount namespace, in which the mounts
     // above stay; to be called while the process has one thread only
-    // (unshare moves just the calling thread), before QCoreApplication.
-    // Returns 0, or the errno of the failure.
-    static int privateMountNamespace();
+    // (unshare moves just the calling thread), before QCoreApplication. A
+    // ScratchSystem mounts nothing, and says why, unless this worked.
+    static void privateMountNamespace();
 
 private:
     // Mounts unless an earlier mount failed.

@@ -112,6 +112,7 @@ timeout -s KILL "$timeout" systemd-nspawn --quiet --register=no --keep-unit \
     --bind-ro="$seats_package:/root/orvanta-selvane-seats.deb" \
     --bind-ro="$here/unit-in-container.sh:/usr/local/sbin/unit-in-container.sh" \
     --bind-ro="$here/seats-in-container.sh:/usr/local/sbin/seats-in-container.sh" \
+    --bind-ro="$here/container-checks.sh:/usr/local/sbin/container-checks.sh" \
     --bind-ro="$work_dir/selvane-unit-check.service:/etc/systemd/system/selvane-unit-check.service" \
     --boot systemd.wants=selvane-unit-check.service systemd.mask=console-getty.service \
     >"$work_dir/console.log" 2>&1 </dev/null

@@ -10,36 +10,12 @@
 set -uo pipefail
 
 package=$1
-deadline_seconds=30
-units="orvanta-selvane-bus.socket orvanta-selvane-bus.service orvanta-selvane.service
-    orvanta-selvane-seats.service"
+# shellcheck source=container-checks.sh
+. "$(dirname "$0")/container-checks.sh" orvanta-selvane-bus.socket orvanta-selvane-bus.service \
+    orvanta-selvane.service orvanta-selvane-seats.service
 
-fail() {
-    echo "FAIL: $*"
-    for unit in $units; do
-        echo "--- systemctl status $unit"
-        systemctl --no-pager status "$unit" 2>&1
-        echo "--- journal of $unit"
-        journalctl --no-pager -u "$unit" 2>&1 | tail -n 20
-    done
-    exit 1
-}
-pass() {
-    echo "ok [${SECONDS} s]: $*"
-}
-# Runs the command until it succeeds, for at most $deadline_seconds.
-wait_for() {
-    local end=$((SECONDS + deadline_seconds))
-    until "$@"; do
-        [ $SECONDS -lt $end ] || return 1
-        sleep 0.1
-    done
-}
 is_active() {
     [ "$(systemctl is-active "$1")" = active ]
-}
-main_pid() {
-    systemctl show --property=MainPID --value "$1"
 }
 # The names on the shared bus, one a line, asked as root.
 bus_names() {
@@ -64,22 +40,13 @@ check_both_running() {
         fail "the daemon runs without --grab-unassigned"
     tr '\0' '\n' <"/proc/$daemon_pid/environ" | grep -qx "DBUS_SESSION_BUS_ADDRESS=unix:path=$socket" ||
         fail "the daemon is not given the shared bus"
-    status=$(cat "/proc/$bridge_pid/status")
-    grep -q "^Uid:[[:space:]]*${uid}[[:space:]]" <<<"$status" || fail "the bridge does not run as $account"
-    grep -q '^NoNewPrivs:[[:space:]]*1$' <<<"$status" || fail "the bridge may gain privileges"
-    grep -q '^Seccomp:[[:space:]]*2$' <<<"$status" || fail "the bridge has no system call filter"
-    grep -q '^CapEff:[[:space:]]*0*$' <<<"$status" || fail "the bridge has capabilities"
+    check_sandboxed "$bridge_pid" "$uid" "the bridge" "$account"
+    grep -q '^CapEff:[[:space:]]*0*$' "/proc/$bridge_pid/status" || fail "the bridge has capabilities"
 }
 
 [ -d /run/systemd/system ] || fail "systemd is not running"
 
-# A sanitizer build's leak check at exit traces the process, which the unit's system call
-# filter forbids, as for the daemon (unit-in-container.sh); the other tiers check for leaks.
-if ldd "$(dpkg --listfiles orvanta-selvane | grep '/bin/orvanta-selvane$')" | grep -q libasan; then
-    mkdir -p /etc/systemd/system/orvanta-selvane-seats.service.d
-    printf '[Service]\nEnvironment=ASAN_OPTIONS=detect_leaks=0\n' \
-        >/etc/systemd/system/orvanta-selvane-seats.service.d/sanitizer.conf
-fi
+without_leak_check orvanta-selvane-seats.service
 
 # postinst enables the bus's socket and the bridge and starts them; the bridge starts the
 # daemon (stopped by the daemon's own check) with the drop-in.

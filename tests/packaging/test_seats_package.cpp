@@ -1,6 +1,7 @@
+#include "DaemonRunner.h"
+#include "PackageChecks.h"
 #include "ScratchSystem.h"
 #include "TestFiles.h"
-#include "ToolRun.h"
 
 #include <QDir>
 #include <QFile>
@@ -14,8 +15,6 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <cstdio>
-#include <cstring>
 #include <sys/stat.h>
 
 namespace {
@@ -64,18 +63,6 @@ QString controlField(const QString& package, const QString& field)
     return run.status == 0 ? QString::fromUtf8(run.standardOutput).trimmed() : QString();
 }
 
-// systemd-analyze verify's complaints about the units, an empty string when it
-// has none.
-QString verifyUnits(const QStringList& units)
-{
-    const ToolRun verify = ToolRun::run(QStringLiteral("systemd-analyze"),
-                                        QStringList{QStringLiteral("verify")} + units);
-    if (verify.status == 0 && verify.standardOutput.isEmpty() && verify.standardError.isEmpty()) {
-        return QString();
-    }
-    return QString::fromUtf8(verify.describe());
-}
-
 // Asks the bus at the address for its id, through setpriv with the given
 // arguments (none: as root); the reply is printed to standard output.
 ToolRun askBusId(const QString& address, const QStringList& setprivArguments)
@@ -100,35 +87,19 @@ bool answered(const ToolRun& run)
 // Builds both Debian packages from this build tree with cpack and checks the
 // logind bridge's: its control fields, files, polkit rule, units and bus, and
 // installing, removing and purging it with dpkg.
-class SeatsPackageTest : public QObject
+class SeatsPackageTest : public PackageTest
 {
     Q_OBJECT
 
-private Q_SLOTS:
-    void initTestCase()
-    {
-        QVERIFY(output.isValid());
-        const ToolRun cpack = ToolRun::run(
-            QStringLiteral(SELVANE_CPACK),
-            {QStringLiteral("-G"), QStringLiteral("DEB"), QStringLiteral("-B"), output.path(),
-             QStringLiteral("--config"), QStringLiteral(SELVANE_CPACK_CONFIG)});
-        QVERIFY2(cpack.status == 0, cpack.describe());
-        const QDir packages(output.path());
-        QCOMPARE(packages.entryList({QStringLiteral("*.deb")}, QDir::Files).size(), 2);
-        const QStringList seats =
-            packages.entryList({packageName + QStringLiteral("_*.deb")}, QDir::Files);
-        const QStringList daemon =
-            packages.entryList({daemonPackageName + QStringLiteral("_*.deb")}, QDir::Files);
-        QCOMPARE(seats.size(), 1);
-        QCOMPARE(daemon.size(), 1);
-        package = packages.filePath(seats.first());
-        daemonPackage = packages.filePath(daemon.first());
-    }
+public:
+    SeatsPackageTest() : PackageTest(packageName, QStringLiteral(SELVANE_SEATS_BINARY)) {}
 
+private Q_SLOTS:
     void thePackageDependsOnTheDaemonsOfTheSameVersion()
     {
         QCOMPARE(controlField(package, QStringLiteral("Package")), packageName);
-        const QString version = controlField(daemonPackage, QStringLiteral("Version"));
+        const QString version =
+            controlField(packageFile(daemonPackageName), QStringLiteral("Version"));
         QVERIFY(!version.isEmpty());
         QCOMPARE(controlField(package, QStringLiteral("Version")), version);
         QCOMPARE(controlField(package, QStringLiteral("Section")), QStringLiteral("admin"));
@@ -154,31 +125,20 @@ private Q_SLOTS:
 
     void thePackageHoldsExactlyItsFiles()
     {
-        const ToolRun contents =
-            ToolRun::run(QStringLiteral("dpkg-deb"), {QStringLiteral("--contents"), package});
-        QVERIFY2(contents.status == 0, contents.describe());
-        // "-rw-r--r-- root/root 383 2026-11-23 04:22 ./lib/systemd/system/x.service";
-        // directories are left out.
-        const QRegularExpression entry(
-            QStringLiteral(R"(^([-dl])(\S+) root/root +\d+ \S+ \S+ \.(/\S*)$)"));
+        QList<PackageChecks::Entry> entries;
+        const QString failure = PackageChecks::entries(package, entries);
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
         QStringList files;
-        for (const QString& line : QString::fromUtf8(contents.standardOutput).split('\n')) {
-            if (line.isEmpty()) {
-                continue;
-            }
-            const QRegularExpressionMatch match = entry.match(line);
-            QVERIFY2(match.hasMatch(), qPrintable(line));
-            if (match.captured(1) == QLatin1String("d")) {
-                continue;
-            }
-            QCOMPARE(match.captured(1), QStringLiteral("-"));
-            const QString path = match.captured(3);
+        for (const PackageChecks::Entry& entry : entries) {
+            // Files alone, no links.
+            QVERIFY2(entry.type == QLatin1String("-") && entry.linkTarget.isEmpty(),
+                     qPrintable(entry.path));
             // The binary alone is executable; nothing is writable but by root.
-            const QString mode = path == QLatin1String(SELVANE_SEATS_BINARY)
+            const QString mode = entry.path == QLatin1String(SELVANE_SEATS_BINARY)
                                      ? QStringLiteral("rwxr-xr-x")
                                      : QStringLiteral("rw-r--r--");
-            QVERIFY2(match.captured(2) == mode, qPrintable(line));
-            files.append(path);
+            QVERIFY2(entry.mode == mode, qPrintable(entry.path + QLatin1Char(' ') + entry.mode));
+            files.append(entry.path);
         }
         files.sort();
         QStringList expected = fileLines(QStringLiteral(SELVANE_SEATS_PACKAGE_FILES));
@@ -190,56 +150,14 @@ private Q_SLOTS:
     {
         // Nothing in /etc: the room's settings are the administrator's file.
         QTemporaryDir control;
-        const ToolRun extract =
-            ToolRun::run(QStringLiteral("dpkg-deb"), {QStringLiteral("--control"), package,
-                                                      control.filePath(QStringLiteral("DEBIAN"))});
-        QVERIFY2(extract.status == 0, extract.describe());
+        const QString failure =
+            PackageChecks::extractControl(package, control.filePath(QStringLiteral("DEBIAN")));
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
         QVERIFY(!QFileInfo::exists(control.filePath(QStringLiteral("DEBIAN/conffiles"))));
         for (const QString& script :
              {QStringLiteral("postinst"), QStringLiteral("prerm"), QStringLiteral("postrm")}) {
             const QFileInfo info(control.filePath(QStringLiteral("DEBIAN/") + script));
             QVERIFY2(info.exists() && info.isExecutable(), qPrintable(script));
-        }
-    }
-
-    void lintianFindsNoErrorOrWarning()
-    {
-        const ToolRun lintian =
-            ToolRun::run(QStringLiteral("lintian"),
-                         {QStringLiteral("--fail-on"), QStringLiteral("error,warning"),
-                          QStringLiteral("--tag-display-limit"), QStringLiteral("0"), package});
-        const QStringList tags =
-            QString::fromUtf8(lintian.standardOutput).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        for (const QString& tag : tags) {
-            qInfo("%s", qPrintable(tag));
-        }
-        QVERIFY2(tags.filter(QRegularExpression(QStringLiteral("^[EW]: "))).isEmpty(),
-                 lintian.describe());
-        QVERIFY2(lintian.status == 0, lintian.describe());
-    }
-
-    void thePackagedBridgeIsBuiltHardened()
-    {
-        if (!SELVANE_HARDENED) {
-            QSKIP("The sanitizer builds leave the hardening flags out: FORTIFY_SOURCE and "
-                  "AddressSanitizer do not go together");
-        }
-        QTemporaryDir root;
-        const ToolRun unpack =
-            ToolRun::run(QStringLiteral("dpkg-deb"), {QStringLiteral("-x"), package, root.path()});
-        QVERIFY2(unpack.status == 0, unpack.describe());
-        // As for the daemon (test_debian_package): Debian 12's start files
-        // carry no control-flow protection notes.
-        const ToolRun check = ToolRun::run(QStringLiteral("hardening-check"),
-                                           {QStringLiteral("--nocfprotection"),
-                                            root.path() + QStringLiteral(SELVANE_SEATS_BINARY)});
-        qInfo("%s", check.standardOutput.constData());
-        QVERIFY2(check.status == 0, check.describe());
-        // "unknown" passes hardening-check; these must be found.
-        for (const char* line : {" Position Independent Executable: yes\n",
-                                 " Stack protected: yes\n", " Fortify Source functions: yes",
-                                 " Read-only relocations: yes\n", " Immediate binding: yes\n"}) {
-            QVERIFY2(check.standardOutput.contains(line), check.describe());
         }
     }
 
@@ -348,18 +266,9 @@ private Q_SLOTS:
     void systemdRatesTheSandboxes()
     {
         QFETCH(QString, unit);
-        // "→ Overall exposure level for x.service: 0.9 SAFE 😀", from 0 (no
-        // exposure) to 10: neither needs a capability, a device or IP.
-        const ToolRun security = ToolRun::run(
-            QStringLiteral("systemd-analyze"),
-            {QStringLiteral("security"), QStringLiteral("--offline=true"), builtDir + '/' + unit});
-        QVERIFY2(security.status == 0, security.describe());
-        const QRegularExpressionMatch overall =
-            QRegularExpression(QStringLiteral(R"(Overall exposure level for \S+: (\d+\.\d) )"))
-                .match(QString::fromUtf8(security.standardOutput));
-        QVERIFY2(overall.hasMatch(), security.describe());
-        qInfo("%s", qPrintable(overall.captured(0)));
-        QVERIFY2(overall.captured(1).toDouble() <= 1.5, security.describe());
+        // Neither needs a capability, a device or IP.
+        const QString exposure = PackageChecks::exposureAbove(builtDir + '/' + unit, 1.5);
+        QVERIFY2(exposure.isEmpty(), qPrintable(exposure));
     }
 
     void dpkgInstallsRemovesAndPurgesThePackageWithoutSystemd()
@@ -378,8 +287,9 @@ private Q_SLOTS:
         // Both at once: dpkg configures the daemon's first, which makes the
         // account. The bridge's postinst enables the bus's socket and the
         // bridge; without systemd it starts nothing.
-        const ToolRun install = ToolRun::run(QStringLiteral("dpkg"),
-                                             {QStringLiteral("--install"), daemonPackage, package});
+        const ToolRun install =
+            ToolRun::run(QStringLiteral("dpkg"),
+                         {QStringLiteral("--install"), packageFile(daemonPackageName), package});
         QVERIFY2(install.status == 0, install.describe());
         QVERIFY(ServiceAccount::uid(account) > 0);
         for (int i = 0; i < enablementLinks.size(); ++i) {
@@ -397,10 +307,10 @@ private Q_SLOTS:
         // systemd accepts the installed units, the daemon's with the drop-in,
         // and finds the manual page they name.
         const QString verifyFailure =
-            verifyUnits({unitDir + QStringLiteral("/orvanta-selvane-bus.socket"),
-                         unitDir + QStringLiteral("/orvanta-selvane-bus.service"),
-                         unitDir + QStringLiteral("/orvanta-selvane-seats.service"),
-                         unitDir + QStringLiteral("/orvanta-selvane.service")});
+            PackageChecks::verifyUnits({unitDir + QStringLiteral("/orvanta-selvane-bus.socket"),
+                                        unitDir + QStringLiteral("/orvanta-selvane-bus.service"),
+                                        unitDir + QStringLiteral("/orvanta-selvane-seats.service"),
+                                        unitDir + QStringLiteral("/orvanta-selvane.service")});
         QVERIFY2(verifyFailure.isEmpty(), qPrintable(verifyFailure));
 
         // The installed bus, run as the account with its configuration, lets
@@ -462,63 +372,21 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(stateFile));
         QVERIFY(!QFileInfo::exists(QFileInfo(stateFile).path()));
     }
-
-private:
-    QTemporaryDir output;
-    QString package;
-    QString daemonPackage;
 };
 
-// Why the test cannot run here, or an empty string. namespaceError is the
-// errno of making the process's mount namespace, 0 when that worked.
-QString unavailableReason(int namespaceError)
+// Why the test cannot run here, or an empty string.
+QString unavailableReason()
 {
-    const QString missing = ToolRun::missingProgram(
-        {QStringLiteral(SELVANE_CPACK), QStringLiteral("dpkg-deb"),
-         QStringLiteral("dpkg-shlibdeps"), QStringLiteral("lintian"), QStringLiteral("dpkg"),
-         QStringLiteral("dpkg-query"), QStringLiteral("deb-systemd-helper"),
-         QStringLiteral("systemd-sysusers"), QStringLiteral("systemd-analyze"),
-         QStringLiteral("setpriv"), QStringLiteral("getent"), QStringLiteral("hardening-check"),
-         QStringLiteral("dbus-daemon"), QStringLiteral("dbus-send")});
-    if (!missing.isEmpty()) {
-        return missing + QStringLiteral(" is not installed");
-    }
-    if (namespaceError != 0) {
-        return QStringLiteral("cannot make a private mount namespace: ") +
-               QString::fromLocal8Bit(strerror(namespaceError));
-    }
-    // dpkg installs into copies of this machine's system, which must not have
-    // the packages or the account yet.
-    for (const QString& name : {daemonPackageName, packageName}) {
-        const ToolRun installed = ToolRun::run(
-            QStringLiteral("dpkg-query"),
-            {QStringLiteral("--show"), QStringLiteral("--showformat=${db:Status-Status}"), name});
-        if (installed.status == 0 && installed.standardOutput != "not-installed") {
-            return name + QStringLiteral(" is on this machine (") +
-                   QString::fromUtf8(installed.standardOutput) +
-                   QStringLiteral("): the test cannot install it afresh");
-        }
-    }
-    if (ServiceAccount::uid(account) >= 0) {
-        return QStringLiteral("the account ") + account +
-               QStringLiteral(" exists on this machine: the test cannot see the packages make it");
-    }
-    return ScratchSystem().error();
+    return PackageChecks::installUnavailableReason(
+        {QStringLiteral("dbus-daemon"), QStringLiteral("dbus-send")},
+        {daemonPackageName, packageName}, account);
 }
 
 int main(int argc, char** argv)
 {
     // Made while the process has one thread only, for ScratchSystem's mounts.
-    const int namespaceError = ScratchSystem::privateMountNamespace();
-    QCoreApplication app(argc, argv);
-    const QString reason = unavailableReason(namespaceError);
-    if (!reason.isEmpty()) {
-        std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));
-        return 77;
-    }
-    SeatsPackageTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
+    ScratchSystem::privateMountNamespace();
+    return runUnlessUnavailable<QCoreApplication, SeatsPackageTest>(argc, argv, &unavailableReason);
 }
 
 #include "test_seats_package.moc"

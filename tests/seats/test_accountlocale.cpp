@@ -1,6 +1,7 @@
 // The locale of a seat's user through AccountLocale, from a fake
 // AccountsService and a fake localed on a private bus: the
 // user's Language, else the system's LANG, else nothing.
+#include "ConnectionPair.h"
 #include "DaemonRunner.h"
 #include "FakeLocaleServices.h"
 
@@ -19,9 +20,7 @@ private:
     static constexpr int callTimeoutMs = 300;
     static constexpr int waitMs = 5000;
 
-    int round = 0;
-    QString servicesName;
-    QString askerName;
+    std::unique_ptr<ConnectionPair> connections;
     std::unique_ptr<FakeLocaleServices> fakes;
 
     void startAccounts() { QVERIFY(fakes->startAccounts()); }
@@ -31,7 +30,7 @@ private:
     // The answer of localeFor(uid), or "(none)" when none came in time.
     QString ask(qint64 uid)
     {
-        AccountLocale locale(QDBusConnection(askerName), nullptr, callTimeoutMs);
+        AccountLocale locale(connections->tested(), nullptr, callTimeoutMs);
         QStringList answers;
         locale.localeFor(uid, [&answers](const QString& answer) { answers.append(answer); });
         if (!answers.isEmpty()) {
@@ -48,20 +47,15 @@ private:
 private Q_SLOTS:
     void init()
     {
-        ++round;
-        const QString address = QString::fromLocal8Bit(qgetenv("DBUS_SESSION_BUS_ADDRESS"));
-        servicesName = QStringLiteral("services%1").arg(round);
-        askerName = QStringLiteral("asker%1").arg(round);
-        QVERIFY(QDBusConnection::connectToBus(address, servicesName).isConnected());
-        QVERIFY(QDBusConnection::connectToBus(address, askerName).isConnected());
-        fakes = std::make_unique<FakeLocaleServices>(QDBusConnection(servicesName));
+        connections = std::make_unique<ConnectionPair>();
+        QVERIFY(connections->isConnected());
+        fakes = std::make_unique<FakeLocaleServices>(connections->services());
     }
 
     void cleanup()
     {
         fakes.reset();
-        QDBusConnection::disconnectFromBus(servicesName);
-        QDBusConnection::disconnectFromBus(askerName);
+        connections.reset();
     }
 
     void theUsersLanguageComesFirst()

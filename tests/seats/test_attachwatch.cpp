@@ -2,6 +2,7 @@
 // fake logind on a private bus, with udev's ID_SEAT told by the test: the seat
 // showing at once or only after AttachDevice was asked again, logind refusing,
 // the seat never showing, and answers that come after the outcome.
+#include "ConnectionPair.h"
 #include "DaemonRunner.h"
 #include "FakeLogind.h"
 #include "LogCapture.h"
@@ -38,9 +39,7 @@ private:
         QString failedStep;
     };
 
-    int round = 0;
-    QString logindName;
-    QString bridgeName;
+    std::unique_ptr<ConnectionPair> connections;
     std::unique_ptr<FakeLogind> logind;
     std::unique_ptr<LogindSeats> seats;
     std::unique_ptr<LogCapture> log;
@@ -104,22 +103,27 @@ private:
 
     static QString info(const QString& text) { return QStringLiteral("Info: ") + text; }
 
+    // The watch's lines for its start, logind's answer and the seat showing.
+    const QString attachingLine = info(
+        QStringLiteral("Attaching /dev/input/event5 (port "
+                       "/sys/devices/pci0000:00/0000:00:04.0/usb1/1-2) to seat1 for station 1"));
+    const QString attachedLine =
+        info(QStringLiteral("logind attached /sys/devices/pci0000:00/0000:00:04.0/usb1/1-2 to "
+                            "seat1 after N ms; waiting for udev"));
+    const QString onSeatLine = info(QStringLiteral("/dev/input/event5 is on seat1 after N ms"));
+
 private Q_SLOTS:
     void initTestCase() { registerLogindTypes(); }
 
     void init()
     {
-        ++round;
-        const QString address = QString::fromLocal8Bit(qgetenv("DBUS_SESSION_BUS_ADDRESS"));
-        logindName = QStringLiteral("logind%1").arg(round);
-        bridgeName = QStringLiteral("bridge%1").arg(round);
-        QVERIFY(QDBusConnection::connectToBus(address, logindName).isConnected());
-        QVERIFY(QDBusConnection::connectToBus(address, bridgeName).isConnected());
-        logind = std::make_unique<FakeLogind>(QDBusConnection(logindName));
+        connections = std::make_unique<ConnectionPair>();
+        QVERIFY(connections->isConnected());
+        logind = std::make_unique<FakeLogind>(connections->services());
         QVERIFY(logind->claimName());
         // logind's answers come when the test sends them, not as time-outs.
-        seats = std::make_unique<LogindSeats>(QDBusConnection(bridgeName), nullptr, callTimeoutMs,
-                                              waitMs);
+        seats =
+            std::make_unique<LogindSeats>(connections->tested(), nullptr, callTimeoutMs, waitMs);
         log = std::make_unique<LogCapture>();
         outcomes.clear();
     }
@@ -130,8 +134,7 @@ private Q_SLOTS:
         seats.reset();
         log.reset();
         logind.reset();
-        QDBusConnection::disconnectFromBus(logindName);
-        QDBusConnection::disconnectFromBus(bridgeName);
+        connections.reset();
     }
 
     void theSeatShowingAtOnceIsSuccess()
@@ -147,13 +150,7 @@ private Q_SLOTS:
         QCOMPARE(outcomes.at(0).devicePath, devicePath);
         QCOMPARE(outcomes.at(0).failedStep, QString());
         QCOMPARE(logind->manager.attachCalls, (QList<QVariantList>{{seat, port, false}}));
-        QCOMPARE(watchLines(),
-                 (QStringList{info("Attaching /dev/input/event5 (port "
-                                   "/sys/devices/pci0000:00/0000:00:04.0/usb1/1-2) to seat1 "
-                                   "for station 1"),
-                              info("logind attached /sys/devices/pci0000:00/0000:00:04.0/usb1/1-2 "
-                                   "to seat1 after N ms; waiting for udev"),
-                              info("/dev/input/event5 is on seat1 after N ms")}));
+        QCOMPARE(watchLines(), (QStringList{attachingLine, attachedLine, onSeatLine}));
         // Neither the re-ask nor the deadline follows.
         QVERIFY(staysQuiet(1));
         QCOMPARE(logind->manager.attachCalls.size(), 1);
@@ -186,14 +183,10 @@ private Q_SLOTS:
         QCOMPARE(outcomes.size(), 1);
         QCOMPARE(outcomes.at(0).failedStep, QString());
         QCOMPARE(watchLines(),
-                 (QStringList{info("Attaching /dev/input/event5 (port "
-                                   "/sys/devices/pci0000:00/0000:00:04.0/usb1/1-2) to seat1 "
-                                   "for station 1"),
-                              info("logind attached /sys/devices/pci0000:00/0000:00:04.0/usb1/1-2 "
-                                   "to seat1 after N ms; waiting for udev"),
+                 (QStringList{attachingLine, attachedLine,
                               info("udev shows no seat for /dev/input/event5 after N ms: asking "
                                    "logind again"),
-                              info("/dev/input/event5 is on seat1 after N ms")}));
+                              onSeatLine}));
         QVERIFY(staysQuiet(1));
         QCOMPARE(logind->manager.attachCalls.size(), 2);
     }
@@ -224,10 +217,7 @@ private Q_SLOTS:
                  QStringLiteral("AttachDevice: %1: %2").arg(error, message));
         // The watch logs no Error of its own: the one Error naming the step is
         // its owner's, written from the outcome.
-        QCOMPARE(watchLines(),
-                 (QStringList{info("Attaching /dev/input/event5 (port "
-                                   "/sys/devices/pci0000:00/0000:00:04.0/usb1/1-2) to seat1 "
-                                   "for station 1")}));
+        QCOMPARE(watchLines(), (QStringList{attachingLine}));
         // Nothing is asked again, and a seat shown now changes nothing.
         watch->seatSeen(seat);
         QVERIFY(staysQuiet(1));

@@ -19,47 +19,54 @@ const QStringList bootLines{
     "configureKeyboard(1, 1)",
 };
 
-// Station 1 gets keyboard B and mouse B by their keys.
-const QStringList stationOneComplete = bootLines + QStringList{
-                                                       "> claim kbdB 1 KeyboardDevice",
-                                                       "attach usb1/1-2 to seat1",
-                                                       "> attached kbdB",
-                                                       "deviceAddedToStation(kbdB, 1)",
-                                                       "configureMouse(1, 1)",
-                                                       "> claim mouseB 1 MouseDevice",
-                                                       "attach usb1/1-4 to seat1",
-                                                       "> attached mouseB",
-                                                       "deviceAddedToStation(mouseB, 1)",
-                                                       "configurationComplete(1)",
-                                                   };
+// The lines of the device's claim for the station (also its display and seat
+// number) accepted and attached.
+QStringList claimAttached(const QString& device, const QString& type, int station,
+                          const QString& port)
+{
+    return {QStringLiteral("> claim %1 %2 %3").arg(device).arg(station).arg(type),
+            QStringLiteral("attach usb1/%1 to seat%2").arg(port).arg(station),
+            QStringLiteral("> attached %1").arg(device),
+            QStringLiteral("deviceAddedToStation(%1, %2)").arg(device).arg(station)};
+}
+
+// A keyboard's claim attached: the station asks for the mouse.
+QStringList keyboardTaken(const QString& device, int station, const QString& port)
+{
+    return claimAttached(device, QStringLiteral("KeyboardDevice"), station, port)
+           << QStringLiteral("configureMouse(%1, %1)").arg(station);
+}
+
+// A mouse's claim attached: the station is complete.
+QStringList mouseTaken(const QString& device, int station, const QString& port)
+{
+    return claimAttached(device, QStringLiteral("MouseDevice"), station, port)
+           << QStringLiteral("configurationComplete(%1)").arg(station);
+}
+
+// Station 1 has keyboard B by its key, and asks for the mouse.
+const QStringList stationOneAtTheMouseStep = bootLines + keyboardTaken("kbdB", 1, "1-2");
+
+// Station 1 gets mouse B by its click too.
+const QStringList stationOneComplete = stationOneAtTheMouseStep + mouseTaken("mouseB", 1, "1-4");
 
 // Both stations complete.
-const QStringList bothComplete = stationOneComplete + QStringList{
-                                                          "> claim kbdA 0 KeyboardDevice",
-                                                          "attach usb1/1-1 to seat0",
-                                                          "> attached kbdA",
-                                                          "deviceAddedToStation(kbdA, 0)",
-                                                          "configureMouse(0, 0)",
-                                                          "> claim mouseA 0 MouseDevice",
-                                                          "attach usb1/1-3 to seat0",
-                                                          "> attached mouseA",
-                                                          "deviceAddedToStation(mouseA, 0)",
-                                                          "configurationComplete(0)",
-                                                      };
+const QStringList bothComplete =
+    stationOneComplete + keyboardTaken("kbdA", 0, "1-1") + mouseTaken("mouseA", 0, "1-3");
+
+// Both stations complete, after a reboot: every assignment holds and no
+// station asks.
+const QStringList bothRebooted = bothComplete + QStringList{
+                                                    "> reboot",
+                                                    "deviceAddedToStation(kbdA, 0)",
+                                                    "deviceAddedToStation(kbdB, 1)",
+                                                    "deviceAddedToStation(mouseA, 0)",
+                                                    "deviceAddedToStation(mouseB, 1)",
+                                                };
 
 // Both stations at the mouse step: :0 holds the mouse button, :1 waits for it.
-const QStringList bothAtTheMouseStep = bootLines + QStringList{
-                                                       "> claim kbdA 0 KeyboardDevice",
-                                                       "attach usb1/1-1 to seat0",
-                                                       "> attached kbdA",
-                                                       "deviceAddedToStation(kbdA, 0)",
-                                                       "configureMouse(0, 0)",
-                                                       "> claim kbdB 1 KeyboardDevice",
-                                                       "attach usb1/1-2 to seat1",
-                                                       "> attached kbdB",
-                                                       "deviceAddedToStation(kbdB, 1)",
-                                                       "configureMouse(1, 1)",
-                                                   };
+const QStringList bothAtTheMouseStep =
+    bootLines + keyboardTaken("kbdA", 0, "1-1") + keyboardTaken("kbdB", 1, "1-2");
 
 const QString refusedTail = QStringLiteral("Warning: Ignoring DeviceAssignedAuto(");
 
@@ -93,21 +100,9 @@ private Q_SLOTS:
                                         "deviceRemovedFromStation(kbdB)",
                                         "deviceAddedToStation(kbdC, 1)",
                                     };
-        QTest::newRow("after a reboot every assignment holds and no station asks")
-            << bothComplete + QStringList{
-                                  "> reboot",
-                                  "deviceAddedToStation(kbdA, 0)",
-                                  "deviceAddedToStation(kbdB, 1)",
-                                  "deviceAddedToStation(mouseA, 0)",
-                                  "deviceAddedToStation(mouseB, 1)",
-                              };
+        QTest::newRow("after a reboot every assignment holds and no station asks") << bothRebooted;
         QTest::newRow("released, seat1's devices are unassigned and its prompt comes back")
-            << bothComplete + QStringList{
-                                  "> reboot",
-                                  "deviceAddedToStation(kbdA, 0)",
-                                  "deviceAddedToStation(kbdB, 1)",
-                                  "deviceAddedToStation(mouseA, 0)",
-                                  "deviceAddedToStation(mouseB, 1)",
+            << bothRebooted + QStringList{
                                   "> release seat1",
                                   "deviceRemovedFromStation(kbdB)",
                                   "deviceRemovedFromStation(mouseB)",
@@ -131,37 +126,28 @@ private Q_SLOTS:
                        "attach usb1/1-2 to seat1",
                    };
         QTest::newRow("a refused mouse attach puts the click prompt back")
-            << bootLines + QStringList{
-                               "> claim kbdB 1 KeyboardDevice",
-                               "attach usb1/1-2 to seat1",
-                               "> attached kbdB",
-                               "deviceAddedToStation(kbdB, 1)",
-                               "configureMouse(1, 1)",
-                               "> claim mouseB 1 MouseDevice",
-                               "attach usb1/1-4 to seat1",
-                               "> attach-fails mouseB no ID_SEAT=seat1 within 10 s",
-                               "Error: Could not attach mouseB to seat1 (station 1): no "
-                               "ID_SEAT=seat1 within "
-                               "10 s; it is announced again in 300 ms",
-                               "> wait 300",
-                               "unassignedDeviceAdded(mouseB)",
-                               "configureMouse(1, 1)",
-                           };
+            << stationOneAtTheMouseStep +
+                   QStringList{
+                       "> claim mouseB 1 MouseDevice",
+                       "attach usb1/1-4 to seat1",
+                       "> attach-fails mouseB no ID_SEAT=seat1 within 10 s",
+                       "Error: Could not attach mouseB to seat1 (station 1): no "
+                       "ID_SEAT=seat1 within "
+                       "10 s; it is announced again in 300 ms",
+                       "> wait 300",
+                       "unassignedDeviceAdded(mouseB)",
+                       "configureMouse(1, 1)",
+                   };
         QTest::newRow("the daemon restarted at the mouse step is told everything again")
-            << bootLines + QStringList{
-                               "> claim kbdB 1 KeyboardDevice",
-                               "attach usb1/1-2 to seat1",
-                               "> attached kbdB",
-                               "deviceAddedToStation(kbdB, 1)",
-                               "configureMouse(1, 1)",
-                               "> restart-daemon",
-                               "deviceAddedToStation(kbdB, 1)",
-                               "unassignedDeviceAdded(kbdA)",
-                               "unassignedDeviceAdded(mouseA)",
-                               "unassignedDeviceAdded(mouseB)",
-                               "configureKeyboard(0, 0)",
-                               "configureMouse(1, 1)",
-                           };
+            << stationOneAtTheMouseStep + QStringList{
+                                              "> restart-daemon",
+                                              "deviceAddedToStation(kbdB, 1)",
+                                              "unassignedDeviceAdded(kbdA)",
+                                              "unassignedDeviceAdded(mouseA)",
+                                              "unassignedDeviceAdded(mouseB)",
+                                              "configureKeyboard(0, 0)",
+                                              "configureMouse(1, 1)",
+                                          };
         QTest::newRow("the daemon restarted while a claim is attached leaves that station alone")
             << bootLines + QStringList{
                                "> claim kbdB 1 KeyboardDevice",

@@ -1,6 +1,7 @@
 // logind's seats read through LogindSeats from the tests' fake logind on
 // a private bus: the first reading, the signals that make it read again, a
 // logind that does not answer, and AttachDevice's answers.
+#include "ConnectionPair.h"
 #include "DaemonRunner.h"
 #include "FakeLogind.h"
 #include "LogCapture.h"
@@ -22,13 +23,11 @@ private:
     static constexpr int callTimeoutMs = 300;
     static constexpr int waitMs = 5000;
 
-    int round = 0;
-    QString logindName;
-    QString adapterName;
+    std::unique_ptr<ConnectionPair> connections;
     std::unique_ptr<FakeLogind> logind;
 
-    QDBusConnection logindBus() const { return QDBusConnection(logindName); }
-    QDBusConnection adapterBus() const { return QDBusConnection(adapterName); }
+    QDBusConnection logindBus() const { return connections->services(); }
+    QDBusConnection adapterBus() const { return connections->tested(); }
 
     static QStringList describe(const QVector<SeatInfo>& seats)
     {
@@ -55,20 +54,15 @@ private Q_SLOTS:
 
     void init()
     {
-        ++round;
-        const QString address = QString::fromLocal8Bit(qgetenv("DBUS_SESSION_BUS_ADDRESS"));
-        logindName = QStringLiteral("logind%1").arg(round);
-        adapterName = QStringLiteral("adapter%1").arg(round);
-        QVERIFY(QDBusConnection::connectToBus(address, logindName).isConnected());
-        QVERIFY(QDBusConnection::connectToBus(address, adapterName).isConnected());
+        connections = std::make_unique<ConnectionPair>();
+        QVERIFY(connections->isConnected());
         logind = std::make_unique<FakeLogind>(logindBus());
     }
 
     void cleanup()
     {
         logind.reset();
-        QDBusConnection::disconnectFromBus(logindName);
-        QDBusConnection::disconnectFromBus(adapterName);
+        connections.reset();
     }
 
     void theFirstReadingFindsSeatsAndTheirActiveSessions()

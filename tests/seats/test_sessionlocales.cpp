@@ -2,6 +2,7 @@
 // AccountsService and localed on a private bus: what is known is answered at
 // once, the system's stands in until the user's arrives, and each user is
 // asked for once.
+#include "ConnectionPair.h"
 #include "DaemonRunner.h"
 #include "FakeLocaleServices.h"
 
@@ -20,9 +21,7 @@ class SessionLocalesTest : public QObject
 private:
     static constexpr int waitMs = 5000;
 
-    int round = 0;
-    QString servicesName;
-    QString bridgeName;
+    std::unique_ptr<ConnectionPair> connections;
     std::unique_ptr<FakeLocaleServices> fakes;
     std::unique_ptr<AccountLocale> accountLocale;
     std::unique_ptr<SessionLocales> locales;
@@ -35,20 +34,15 @@ private:
 private Q_SLOTS:
     void init()
     {
-        ++round;
-        const QString address = QString::fromLocal8Bit(qgetenv("DBUS_SESSION_BUS_ADDRESS"));
-        servicesName = QStringLiteral("services%1").arg(round);
-        bridgeName = QStringLiteral("bridge%1").arg(round);
-        QVERIFY(QDBusConnection::connectToBus(address, servicesName).isConnected());
-        QVERIFY(QDBusConnection::connectToBus(address, bridgeName).isConnected());
-        fakes = std::make_unique<FakeLocaleServices>(QDBusConnection(servicesName));
+        connections = std::make_unique<ConnectionPair>();
+        QVERIFY(connections->isConnected());
+        fakes = std::make_unique<FakeLocaleServices>(connections->services());
         QVERIFY(fakes->startAccounts());
         QVERIFY(fakes->addUser(1000, QStringLiteral("de_DE.UTF-8")));
         QVERIFY(fakes->addUser(1001, QStringLiteral("it_IT.UTF-8")));
         QVERIFY(fakes->startLocaled({QStringLiteral("LANG=fr_FR.UTF-8")}));
         // Answers come when the fakes send them, not as time-outs.
-        accountLocale =
-            std::make_unique<AccountLocale>(QDBusConnection(bridgeName), nullptr, waitMs);
+        accountLocale = std::make_unique<AccountLocale>(connections->tested(), nullptr, waitMs);
         locales = std::make_unique<SessionLocales>(*accountLocale);
     }
 
@@ -57,8 +51,7 @@ private Q_SLOTS:
         locales.reset();
         accountLocale.reset();
         fakes.reset();
-        QDBusConnection::disconnectFromBus(servicesName);
-        QDBusConnection::disconnectFromBus(bridgeName);
+        connections.reset();
     }
 
     void nothingIsKnownBeforeTheFirstAnswer()

@@ -17,19 +17,29 @@ constexpr ServiceName assignment{"com.orvanta.Assignment", "/com/orvanta/Assignm
 constexpr ServiceName sessionController{"com.orvanta.Controllers.Session",
                                         "/com/orvanta/Controllers/Session"};
 
+// An adaptor of the platform's names that answers from the role.
+class RoleAdaptor : public QDBusAbstractAdaptor
+{
+public:
+    RoleAdaptor(QObject* object, PlatformRole& platformRole)
+        : QDBusAbstractAdaptor(object), role(platformRole)
+    {
+    }
+
+protected:
+    PlatformRole& role;
+};
+
 } // namespace
 
 // com.orvanta.DB: the counts of the whole room and its tag.
-class PlatformBus::Database : public QDBusAbstractAdaptor
+class PlatformBus::Database : public RoleAdaptor
 {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "com.orvanta.DB")
 
 public:
-    Database(QObject* object, PlatformRole& platformRole)
-        : QDBusAbstractAdaptor(object), role(platformRole)
-    {
-    }
+    using RoleAdaptor::RoleAdaptor;
 
 public Q_SLOTS:
     int DeviceGetNumberOfAssignedKeyboards()
@@ -49,22 +59,16 @@ public Q_SLOTS:
         return role.countDevices(PlatformRole::DeviceCount::UNASSIGNED_MICE);
     }
     QString StationGetTag(const QString& tag) { return role.stationTag(tag); }
-
-private:
-    PlatformRole& role;
 };
 
 // com.orvanta.Assignment: the daemon's start and its claims, with their sender.
-class PlatformBus::Assignment : public QDBusAbstractAdaptor
+class PlatformBus::Assignment : public RoleAdaptor
 {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "com.orvanta.Assignment")
 
 public:
-    Assignment(QObject* object, PlatformRole& platformRole)
-        : QDBusAbstractAdaptor(object), role(platformRole)
-    {
-    }
+    using RoleAdaptor::RoleAdaptor;
 
 public Q_SLOTS:
     void SelvaneStarted(const QDBusMessage& message) { role.selvaneStarted(message.service()); }
@@ -73,20 +77,17 @@ public Q_SLOTS:
     {
         role.deviceAssigned(message.service(), deviceFileName, displayId, deviceKind);
     }
-
-private:
-    PlatformRole& role;
 };
 
 // com.orvanta.Controllers.Session: the locale, answered when the role has it.
-class PlatformBus::SessionController : public QDBusAbstractAdaptor
+class PlatformBus::SessionController : public RoleAdaptor
 {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "com.orvanta.Controllers.Session")
 
 public:
     SessionController(QObject* object, PlatformRole& platformRole, QDBusConnection connection)
-        : QDBusAbstractAdaptor(object), role(platformRole), bus(std::move(connection))
+        : RoleAdaptor(object, platformRole), bus(std::move(connection))
     {
     }
 
@@ -102,7 +103,6 @@ public Q_SLOTS:
     }
 
 private:
-    PlatformRole& role;
     QDBusConnection bus;
 };
 
