@@ -45,6 +45,7 @@ wait_for_line() {
 install_packages() {
     local packages=(cmake ninja-build g++ pkg-config qt6-base-dev qt6-5compat-dev
         libxcb1-dev libxcb-image0-dev libxcb-randr0-dev libxau-dev libxkbcommon-x11-dev libxcb-xkb-dev
+        libudev-dev
         dbus umockdev libumockdev-dev
         util-linux librsvg2-bin fonts-dejavu-core xvfb libxcb-xfixes0-dev scdoc)
     local missing=() package

@@ -16,6 +16,7 @@ packages=(
     build-essential cmake ninja-build pkg-config clang clang-format libclang-rt-14-dev git
     qt6-base-dev qt6-base-dev-tools qt6-5compat-dev
     libxcb1-dev libxcb-image0-dev libxcb-randr0-dev libxau-dev libxkbcommon-x11-dev libxcb-xkb-dev
+    libudev-dev
     dbus dbus-daemon umockdev libumockdev-dev
     qemu-system-x86 linux-image-amd64 busybox-static cpio xz-utils kmod
     util-linux procps
@@ -24,6 +25,7 @@ packages=(
     xvfb libxcb-xfixes0-dev
     xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils x11-xkb-utils
     scdoc mandoc systemd logrotate dpkg-dev lintian devscripts systemd-container mmdebstrap
+    nodejs
 )
 
 # The CTest labels (tests/CMakeLists.txt); each must run at least one test.

@@ -175,6 +175,8 @@ private Q_SLOTS:
             << QStringList{"assignment", "daemon", "sequences", "input"};
         QTest::newRow("assignment includes nothing of the daemon")
             << QStringList{"assignment"} << false << QStringList{"daemon"};
+        QTest::newRow("the seats bridge includes only common")
+            << QStringList{"seats"} << true << QStringList{"common"};
     }
     void includes()
     {

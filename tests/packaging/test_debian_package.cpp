@@ -1,6 +1,7 @@
 #include "DaemonRunner.h"
+#include "PackageChecks.h"
+#include "ScratchSystem.h"
 #include "TestFiles.h"
-#include "ToolRun.h"
 
 #include <QDir>
 #include <QFile>
@@ -11,11 +12,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <sched.h>
-#include <sys/mount.h>
 
 namespace {
 
@@ -46,24 +43,17 @@ QStringList errorLines(const QString& log)
         QRegularExpression(QStringLiteral(R"(^\[[^\]]+\] \[(Error|Bug)\] )")));
 }
 
-// The account's uid as the system sees it now (getent reads the user database
-// afresh), -1 when there is no such account.
+// The account's uid as the system sees it now, -1 when there is no such
+// account.
 int accountUid()
 {
-    const ToolRun getent =
-        ToolRun::run(QStringLiteral("getent"), {QStringLiteral("passwd"), account});
-    return getent.status == 0 ? getent.standardOutput.split(':').value(2).toInt() : -1;
+    return ServiceAccount::uid(account);
 }
 
-// Arguments of setpriv that run the command as the account, with the
-// environment that systemd gives a unit with User= (HOME, SHELL, USER, LOGNAME
-// and PATH) and the variables given before the command ("NAME=value").
+// setpriv's arguments that run the command as the account.
 QStringList asAccount(const QStringList& command)
 {
-    return QStringList{QStringLiteral("--reuid=") + account, QStringLiteral("--regid=") + account,
-                       QStringLiteral("--init-groups"), QStringLiteral("--reset-env"),
-                       QStringLiteral("env")} +
-           command;
+    return ServiceAccount::asAccount(account, command);
 }
 
 // Runs the installed orvanta-selvane as the account on the bus and returns its
@@ -89,88 +79,18 @@ int runInstalledDaemonAsAccount(const QStringList& arguments, const QString& bus
     return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
 
-// The host's /etc, /usr and /var under overlays whose writable layers lie on a
-// tmpfs, and an empty tmpfs on /run, all in the test's own mount namespace (see
-// main): dpkg and the maintainer scripts change these, the host never sees it.
-// With /run empty there is no /run/systemd/system, so the scripts act as where
-// systemd is not running (it is not PID 1 here either), and nothing reaches a
-// systemd of the host. Unmounted when destroyed.
-class ScratchSystem
-{
-public:
-    ScratchSystem()
-    {
-        mountOn(layers.path(), "tmpfs", QStringLiteral("mode=0700"));
-        for (const QString& dir :
-             {QStringLiteral("etc"), QStringLiteral("usr"), QStringLiteral("var")}) {
-            const QString upper = layers.filePath(dir + QStringLiteral("-upper"));
-            const QString work = layers.filePath(dir + QStringLiteral("-work"));
-            QDir().mkdir(upper);
-            QDir().mkdir(work);
-            mountOn(QLatin1Char('/') + dir, "overlay",
-                    QStringLiteral("lowerdir=/%1,upperdir=%2,workdir=%3").arg(dir, upper, work));
-        }
-        mountOn(QStringLiteral("/run"), "tmpfs", QStringLiteral("mode=0755"));
-    }
-
-    ~ScratchSystem()
-    {
-        for (auto target = mounted.crbegin(); target != mounted.crend(); ++target) {
-            umount2(QFile::encodeName(*target).constData(), MNT_DETACH);
-        }
-    }
-
-    ScratchSystem(const ScratchSystem&) = delete;
-    ScratchSystem& operator=(const ScratchSystem&) = delete;
-
-    // Why a mount failed, or an empty string.
-    QString error() const { return failure; }
-
-private:
-    // Mounts unless an earlier mount failed.
-    void mountOn(const QString& target, const char* type, const QString& options)
-    {
-        if (!failure.isEmpty()) {
-            return;
-        }
-        if (mount(type, QFile::encodeName(target).constData(), type, 0,
-                  options.toLocal8Bit().constData()) != 0) {
-            failure =
-                QStringLiteral("cannot mount %1 on %2: %3")
-                    .arg(QLatin1String(type), target, QString::fromLocal8Bit(strerror(errno)));
-            return;
-        }
-        mounted.append(target);
-    }
-
-    QTemporaryDir layers;
-    QStringList mounted;
-    QString failure;
-};
-
 } // namespace
 
 // Builds the Debian package from this build tree with cpack, checks it, runs
 // the daemon it installs, and installs, removes and purges it with dpkg.
-class DebianPackageTest : public QObject
+class DebianPackageTest : public PackageTest
 {
     Q_OBJECT
 
-private Q_SLOTS:
-    void initTestCase()
-    {
-        QVERIFY(output.isValid());
-        const ToolRun cpack = ToolRun::run(
-            QStringLiteral(SELVANE_CPACK),
-            {QStringLiteral("-G"), QStringLiteral("DEB"), QStringLiteral("-B"), output.path(),
-             QStringLiteral("--config"), QStringLiteral(SELVANE_CPACK_CONFIG)});
-        QVERIFY2(cpack.status == 0, cpack.describe());
-        const QStringList packages =
-            QDir(output.path()).entryList({QStringLiteral("*.deb")}, QDir::Files);
-        QCOMPARE(packages.size(), 1);
-        package = output.filePath(packages.first());
-    }
+public:
+    DebianPackageTest() : PackageTest(packageName, QStringLiteral(SELVANE_INSTALLED_BINARY)) {}
 
+private Q_SLOTS:
     void theControlFieldsNameThePackageAndItsDependencies()
     {
         const ToolRun fields =
@@ -204,27 +124,15 @@ private Q_SLOTS:
 
     void thePackageHoldsEveryFileAtItsFixedPath()
     {
-        const ToolRun contents =
-            ToolRun::run(QStringLiteral("dpkg-deb"), {QStringLiteral("--contents"), package});
-        QVERIFY2(contents.status == 0, contents.describe());
-        // "-rw-r--r-- root/root 383 2026-11-23 04:22 ./etc/logrotate.d/orvanta-selvane",
-        // links with " -> target" after the name; directories are left out.
-        const QRegularExpression entry(
-            QStringLiteral(R"(^([-dl])\S+ root/root +\d+ \S+ \S+ \.(/\S*)(?: -> (\S+))?$)"));
+        QList<PackageChecks::Entry> entries;
+        const QString failure = PackageChecks::entries(package, entries);
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
         QStringList files;
         QString fontLink;
-        for (const QString& line : QString::fromUtf8(contents.standardOutput).split('\n')) {
-            if (line.isEmpty()) {
-                continue;
-            }
-            const QRegularExpressionMatch match = entry.match(line);
-            QVERIFY2(match.hasMatch(), qPrintable(line));
-            if (match.captured(1) == QLatin1String("d")) {
-                continue;
-            }
-            files.append(match.captured(2));
-            if (match.captured(2).endsWith(QLatin1String("/DejaVuSans.ttf"))) {
-                fontLink = match.captured(3);
+        for (const PackageChecks::Entry& entry : entries) {
+            files.append(entry.path);
+            if (entry.path.endsWith(QLatin1String("/DejaVuSans.ttf"))) {
+                fontLink = entry.linkTarget;
             }
         }
         files.sort();
@@ -240,10 +148,9 @@ private Q_SLOTS:
     void theFilesInEtcAreConffiles()
     {
         QTemporaryDir control;
-        const ToolRun extract =
-            ToolRun::run(QStringLiteral("dpkg-deb"), {QStringLiteral("--control"), package,
-                                                      control.filePath(QStringLiteral("DEBIAN"))});
-        QVERIFY2(extract.status == 0, extract.describe());
+        const QString failure =
+            PackageChecks::extractControl(package, control.filePath(QStringLiteral("DEBIAN")));
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
         QStringList conffiles =
             QString::fromUtf8(readFile(control.filePath(QStringLiteral("DEBIAN/conffiles"))))
                 .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
@@ -254,59 +161,14 @@ private Q_SLOTS:
         QCOMPARE(conffiles, inEtc);
     }
 
-    void lintianFindsNoErrorOrWarning()
-    {
-        const ToolRun lintian =
-            ToolRun::run(QStringLiteral("lintian"),
-                         {QStringLiteral("--fail-on"), QStringLiteral("error,warning"),
-                          QStringLiteral("--tag-display-limit"), QStringLiteral("0"), package});
-        const QStringList tags =
-            QString::fromUtf8(lintian.standardOutput).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        for (const QString& tag : tags) {
-            qInfo("%s", qPrintable(tag));
-        }
-        QVERIFY2(tags.filter(QRegularExpression(QStringLiteral("^[EW]: "))).isEmpty(),
-                 lintian.describe());
-        QVERIFY2(lintian.status == 0, lintian.describe());
-    }
-
-    void thePackagedDaemonIsBuiltHardened()
-    {
-        if (!SELVANE_HARDENED) {
-            QSKIP("The sanitizer builds leave the hardening flags out: FORTIFY_SOURCE and "
-                  "AddressSanitizer do not go together");
-        }
-        QTemporaryDir root;
-        const ToolRun unpack =
-            ToolRun::run(QStringLiteral("dpkg-deb"), {QStringLiteral("-x"), package, root.path()});
-        QVERIFY2(unpack.status == 0, unpack.describe());
-        // Debian 12's own start files (crt1.o, crti.o) carry no IBT and SHSTK
-        // notes, so no program linked here is marked for control-flow
-        // protection, Debian's own included: hardening-check is told not to
-        // require it. It fails on any other missing protection.
-        const ToolRun check =
-            ToolRun::run(QStringLiteral("hardening-check"),
-                         {QStringLiteral("--nocfprotection"),
-                          root.path() + QStringLiteral(SELVANE_INSTALLED_BINARY)});
-        qInfo("%s", check.standardOutput.constData());
-        QVERIFY2(check.status == 0, check.describe());
-        // "unknown" passes hardening-check; these must be found.
-        for (const char* line : {" Position Independent Executable: yes\n",
-                                 " Stack protected: yes\n", " Fortify Source functions: yes",
-                                 " Read-only relocations: yes\n", " Immediate binding: yes\n"}) {
-            QVERIFY2(check.standardOutput.contains(line), check.describe());
-        }
-    }
-
     void theInstalledDaemonStartsAndStops()
     {
         // The package unpacked into a scratch root; the daemon runs from there
         // in a private mount namespace whose /usr/share/orvanta is the
         // package's, against a private session bus.
         QTemporaryDir root;
-        const ToolRun unpack =
-            ToolRun::run(QStringLiteral("dpkg-deb"), {QStringLiteral("-x"), package, root.path()});
-        QVERIFY2(unpack.status == 0, unpack.describe());
+        const QString unpacked = PackageChecks::unpack(package, root.path());
+        QVERIFY2(unpacked.isEmpty(), qPrintable(unpacked));
         DaemonRunner runner;
         QVERIFY(runner.isBusRunning());
         runner.setExecutable(root.path() + QStringLiteral(SELVANE_INSTALLED_BINARY));
@@ -358,12 +220,9 @@ private Q_SLOTS:
         QVERIFY(QFileInfo::exists(enablementRecord));
 
         // systemd accepts the installed unit; its manual page is installed too.
-        const ToolRun verify =
-            ToolRun::run(QStringLiteral("systemd-analyze"),
-                         {QStringLiteral("verify"), QStringLiteral(SELVANE_INSTALLED_UNIT)});
-        QVERIFY2(verify.status == 0 && verify.standardOutput.isEmpty() &&
-                     verify.standardError.isEmpty(),
-                 verify.describe());
+        const QString verifyFailure =
+            PackageChecks::verifyUnits({QStringLiteral(SELVANE_INSTALLED_UNIT)});
+        QVERIFY2(verifyFailure.isEmpty(), qPrintable(verifyFailure));
 
         // The installed daemon, run as the account on a bus of the account's
         // (in place of its user bus, which the unit joins), writes its pid
@@ -428,68 +287,24 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(pidDir));
         QCOMPARE(accountUid(), uid);
     }
-
-private:
-    QTemporaryDir output;
-    QString package;
 };
 
-// Why the test cannot run here, or an empty string. namespaceError is the
-// errno of making the process's mount namespace, 0 when that worked.
-QString unavailableReason(int namespaceError)
+// Why the test cannot run here, or an empty string.
+QString unavailableReason()
 {
-    const QString missing = ToolRun::missingProgram(
-        {QStringLiteral(SELVANE_CPACK), QStringLiteral("dpkg-deb"),
-         QStringLiteral("dpkg-shlibdeps"), QStringLiteral("lintian"), QStringLiteral("dpkg"),
-         QStringLiteral("dpkg-query"), QStringLiteral("deb-systemd-helper"),
-         QStringLiteral("systemd-sysusers"), QStringLiteral("systemd-analyze"),
-         QStringLiteral("setpriv"), QStringLiteral("getent"), QStringLiteral("hardening-check")});
-    if (!missing.isEmpty()) {
-        return missing + QStringLiteral(" is not installed");
-    }
-    if (namespaceError != 0) {
-        return QStringLiteral("cannot make a private mount namespace: ") +
-               QString::fromLocal8Bit(strerror(namespaceError));
-    }
     const QString daemonReason = DaemonRunner::unavailableReason();
     if (!daemonReason.isEmpty()) {
         return daemonReason;
     }
-    // dpkg installs into copies of this machine's system, which must not have
-    // the package or the account yet.
-    const ToolRun installed =
-        ToolRun::run(QStringLiteral("dpkg-query"),
-                     {QStringLiteral("--show"), QStringLiteral("--showformat=${db:Status-Status}"),
-                      packageName});
-    if (installed.status == 0 && installed.standardOutput != "not-installed") {
-        return packageName + QStringLiteral(" is on this machine (") +
-               QString::fromUtf8(installed.standardOutput) +
-               QStringLiteral("): the test cannot install it afresh");
-    }
-    if (accountUid() >= 0) {
-        return QStringLiteral("the account ") + account +
-               QStringLiteral(" exists on this machine: the test cannot see the package make it");
-    }
-    return ScratchSystem().error();
+    return PackageChecks::installUnavailableReason({}, {packageName}, account);
 }
 
 int main(int argc, char** argv)
 {
-    // The process's own mount namespace, made while it has one thread only
-    // (unshare moves just the calling thread), for ScratchSystem's mounts.
-    const int namespaceError =
-        unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
-            ? 0
-            : errno;
-    QCoreApplication app(argc, argv);
-    const QString reason = unavailableReason(namespaceError);
-    if (!reason.isEmpty()) {
-        std::fprintf(stderr, "SKIP: %s\n", qPrintable(reason));
-        return 77;
-    }
-    DebianPackageTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
+    // Made while the process has one thread only, for ScratchSystem's mounts.
+    ScratchSystem::privateMountNamespace();
+    return runUnlessUnavailable<QCoreApplication, DebianPackageTest>(argc, argv,
+                                                                     &unavailableReason);
 }
 
 #include "test_debian_package.moc"

@@ -1,5 +1,5 @@
+#include "PackageChecks.h"
 #include "TestFiles.h"
-#include "ToolRun.h"
 
 #include <QDir>
 #include <QFile>
@@ -72,27 +72,15 @@ private Q_SLOTS:
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("MANPATH"), manTree.path());
 
-        const ToolRun verify = ToolRun::run(QStringLiteral("systemd-analyze"),
-                                            {QStringLiteral("verify"), unitFile}, environment);
-        QVERIFY2(verify.status == 0, verify.describe());
-        QVERIFY2(verify.standardOutput.isEmpty() && verify.standardError.isEmpty(),
-                 verify.describe());
+        const QString failure = PackageChecks::verifyUnits({unitFile}, environment);
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
     }
 
     void systemdRatesTheUnitsSandboxAsExposedAtMost3_5()
     {
-        // "→ Overall exposure level for orvanta-selvane.service: 2.6 OK 🙂",
-        // from 0 (no exposure) to 10, for the unit with its capability.
-        const ToolRun security =
-            ToolRun::run(QStringLiteral("systemd-analyze"),
-                         {QStringLiteral("security"), QStringLiteral("--offline=true"), unitFile});
-        QVERIFY2(security.status == 0, security.describe());
-        const QRegularExpressionMatch overall =
-            QRegularExpression(QStringLiteral(R"(Overall exposure level for \S+: (\d+\.\d) )"))
-                .match(QString::fromUtf8(security.standardOutput));
-        QVERIFY2(overall.hasMatch(), security.describe());
-        qInfo("%s", qPrintable(overall.captured(0)));
-        QVERIFY2(overall.captured(1).toDouble() <= 3.5, security.describe());
+        // For the unit with its capability.
+        const QString exposure = PackageChecks::exposureAbove(unitFile, 3.5);
+        QVERIFY2(exposure.isEmpty(), qPrintable(exposure));
     }
 
     void theUnitRunsTheForkingDaemonWithItsPidFileAndKeyConfiguration()

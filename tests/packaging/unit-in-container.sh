@@ -9,28 +9,9 @@
 set -uo pipefail
 
 package=$1
-deadline_seconds=30
+# shellcheck source=container-checks.sh
+. "$(dirname "$0")/container-checks.sh" orvanta-selvane.service
 
-fail() {
-    echo "FAIL: $*"
-    echo "--- systemctl status"
-    systemctl --no-pager status orvanta-selvane.service 2>&1
-    echo "--- journal of the unit"
-    journalctl --no-pager -u orvanta-selvane.service 2>&1 | tail -n 40
-    [ -n "${log:-}" ] && { echo "--- $log"; tail -n 40 "$log"; }
-    exit 1
-}
-pass() {
-    echo "ok [${SECONDS} s]: $*"
-}
-# Runs the command until it succeeds, for at most $deadline_seconds.
-wait_for() {
-    local end=$((SECONDS + deadline_seconds))
-    until "$@"; do
-        [ $SECONDS -lt $end ] || return 1
-        sleep 0.1
-    done
-}
 # The value of the unit file's first Key= line.
 unit_setting() {
     sed -n "s/^$1=//p" "$unit" | head -n 1
@@ -56,14 +37,7 @@ uid=$(id -u "$account") || fail "postinst made no account $account"
 pass "dpkg installed the package; the unit is $unit, the account $account ($uid)"
 [ "$(systemctl is-enabled orvanta-selvane.service)" = enabled ] || fail "the unit is not enabled"
 
-# A sanitizer build's leak check at exit traces the process, which the unit's system call
-# filter forbids (ptrace is not in @system-service); the other tiers check for leaks.
-if ldd "$(dpkg --listfiles orvanta-selvane | grep '/bin/orvanta-selvane$')" | grep -q libasan; then
-    mkdir -p /etc/systemd/system/orvanta-selvane.service.d
-    printf '[Service]\nEnvironment=ASAN_OPTIONS=detect_leaks=0\n' \
-        >/etc/systemd/system/orvanta-selvane.service.d/sanitizer.conf
-    systemctl daemon-reload || fail "systemctl daemon-reload"
-fi
+without_leak_check orvanta-selvane.service
 
 echo "--- systemd-analyze security --offline=true $unit"
 security=$(systemd-analyze security --offline=true "$unit" 2>&1)
@@ -86,12 +60,9 @@ systemctl reset-failed orvanta-selvane.service 2>/dev/null
 systemctl restart orvanta-selvane.service || fail "systemctl restart"
 [ "$(systemctl is-active orvanta-selvane.service)" = active ] || fail "the unit is not active"
 wait_for log_has "Connection established" || fail "the daemon did not join the bus"
-main_pid=$(systemctl show --property=MainPID --value orvanta-selvane.service)
+main_pid=$(main_pid orvanta-selvane.service)
 [ "$(cat "$pid_file")" = "$main_pid" ] || fail "the pid file does not name the main process $main_pid"
-status=$(cat "/proc/$main_pid/status")
-grep -q "^Uid:[[:space:]]*${uid}[[:space:]]" <<<"$status" || fail "the daemon does not run as $account"
-grep -q '^NoNewPrivs:[[:space:]]*1$' <<<"$status" || fail "the daemon may gain privileges"
-grep -q '^Seccomp:[[:space:]]*2$' <<<"$status" || fail "the daemon has no system call filter"
+check_sandboxed "$main_pid" "$uid" "the daemon" "$account"
 pass "systemd started the unit: the daemon $main_pid runs as $account, filtered, in its pid file"
 
 # Reload: SIGHUP; the daemon reopens its log and reads its key file again.
@@ -100,7 +71,7 @@ systemctl reload orvanta-selvane.service || fail "systemctl reload"
 wait_for log_has "Received signal to reload" || fail "the daemon got no reload signal"
 wait_for test "$(grep -c 'Parsed .* key sequence' "$log")" -gt "$parsed_before" ||
     fail "the daemon did not read its key file again"
-[ "$(systemctl show --property=MainPID --value orvanta-selvane.service)" = "$main_pid" ] ||
+[ "$(main_pid orvanta-selvane.service)" = "$main_pid" ] ||
     fail "the reload replaced the daemon"
 [ "$(systemctl is-active orvanta-selvane.service)" = active ] || fail "inactive after the reload"
 pass "systemd reloaded the unit: the key file was read again by the same daemon"
