@@ -47,7 +47,7 @@ install_packages() {
         libxcb1-dev libxcb-image0-dev libxcb-randr0-dev libxau-dev libxkbcommon-x11-dev libxcb-xkb-dev
         libudev-dev
         dbus umockdev libumockdev-dev
-        util-linux librsvg2-bin fonts-dejavu-core xvfb libxcb-xfixes0-dev scdoc)
+        util-linux librsvg2-bin librsvg2-common fonts-dejavu-core xvfb libxcb-xfixes0-dev scdoc)
     local missing=() package
     for package in "${packages[@]}"; do
         dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||

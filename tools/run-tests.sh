@@ -21,7 +21,7 @@ packages=(
     qemu-system-x86 linux-image-amd64 busybox-static cpio xz-utils kmod
     util-linux procps
     fonts-dejavu-core
-    librsvg2-bin
+    librsvg2-bin librsvg2-common
     xvfb libxcb-xfixes0-dev
     xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils x11-xkb-utils
     scdoc mandoc systemd logrotate dpkg-dev lintian devscripts systemd-container mmdebstrap
