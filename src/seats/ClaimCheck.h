@@ -27,6 +27,8 @@ struct Claim
 // keyboard) and can be attached by a port, and names a station's display that
 // waits for that type of device: the keyboard step for a keyboard, the mouse
 // step for a mouse.
+//
+// A value the bridge makes for each claim on its main thread; it holds no state of its own.
 class ClaimCheck
 {
 public:

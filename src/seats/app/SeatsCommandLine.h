@@ -8,6 +8,8 @@
 // unassigns a seat's keyboards and mice; -h prints the usage. One action per
 // run: options of two actions, an unknown option or a stray word make the
 // command line invalid, with one line saying why.
+//
+// A value made once by main() from its arguments, before anything else runs.
 class SeatsCommandLine
 {
 public:

@@ -10,6 +10,8 @@
 // What `--status` prints: the seats with their stations and displays, every
 // keyboard and mouse with its port, name and seat, and for each graphics card
 // not on a seat yet the command that makes a new seat of it.
+//
+// Made by main() for one --status run from a snapshot it owns; one thread only.
 class StatusReport
 {
 public:

@@ -7,7 +7,8 @@
 // Owning handles of libudev's reference-counted objects: each drops its
 // reference when it goes out of scope. A device reached through
 // udev_device_get_parent* is not owned (it lives as long as its child) and is
-// never put in one of these.
+// never put in one of these. libudev's objects are not thread-safe: each handle stays
+// on the thread that made it (the bridge's main thread).
 struct UdevUnref
 {
     void operator()(udev* context) const { udev_unref(context); }
