@@ -105,6 +105,31 @@ private Q_SLOTS:
         QCOMPARE(report.table(), expected);
     }
 
+    void aDevicesOwnNameCannotForgeLinesOrReachTheTerminal()
+    {
+        SystemSnapshot snapshot = room();
+        snapshot.inputDevices.first().name =
+            QStringLiteral("Mouse\nseat0  keyboard  forged  row\x1b]0;title\x07");
+        const QString table = StatusReport(snapshot, roomStations()).table();
+        QVERIFY2(table.contains(
+                     QStringLiteral("Mouse\\nseat0  keyboard  forged  row\\x1b]0;title\\x07\n")),
+                 qPrintable(table));
+        QVERIFY(!table.contains(QLatin1Char('\x1b')));
+        QCOMPARE(table.count(QLatin1Char('\n')),
+                 StatusReport(room(), roomStations()).table().count(QLatin1Char('\n')));
+        // The JSON keeps the name as it is, escaped by JSON's own rules.
+        const QJsonArray devices =
+            QJsonDocument::fromJson(StatusReport(snapshot, roomStations()).json())
+                .object()
+                .value(QStringLiteral("devices"))
+                .toArray();
+        QStringList names;
+        for (const QJsonValue& device : devices) {
+            names.append(device.toObject().value(QStringLiteral("name")).toString());
+        }
+        QVERIFY(names.contains(snapshot.inputDevices.first().name));
+    }
+
     void aRoomWithoutFreeCardsSaysSo()
     {
         SystemSnapshot snapshot = room();

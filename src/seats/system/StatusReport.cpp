@@ -1,5 +1,7 @@
 #include "seats/system/StatusReport.h"
 
+#include "common/Util.h"
+
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -145,7 +147,10 @@ QString StatusReport::table() const
     QVector<QStringList> deviceRows = {{QStringLiteral("SEAT"), QStringLiteral("KIND"),
                                         QStringLiteral("PORT"), QStringLiteral("NAME")}};
     for (const InputDeviceInfo& device : devices) {
-        deviceRows.append({orNone(device.seat), kindOf(device), orNone(device.port), device.name});
+        // A device names itself: its name may hold line breaks or a terminal's
+        // control sequences, which must not reach the administrator's terminal as such.
+        deviceRows.append({orNone(device.seat), kindOf(device), orNone(device.port),
+                           Orvanta::escapeForLog(device.name)});
     }
     QString text = QStringLiteral("Seats:\n") + columns(seatRows) +
                    QStringLiteral("\nKeyboards and mice:\n") + columns(deviceRows);
