@@ -25,7 +25,7 @@ packages=(
     xvfb libxcb-xfixes0-dev
     xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils x11-xkb-utils
     scdoc mandoc systemd logrotate dpkg-dev lintian devscripts systemd-container mmdebstrap
-    nodejs
+    nodejs polkitd
 )
 
 # The CTest labels (tests/CMakeLists.txt); each must run at least one test.
