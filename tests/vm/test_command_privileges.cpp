@@ -240,7 +240,16 @@ pid_t CommandPrivilegesTest::startDaemon(const QString& name, bool setgid)
     const QString config = base + "/keys.conf";
     // The command lives in a script: a key line is read in pieces of 255 characters.
     const QString script = base + "/command.sh";
-    const QString command = QCoreApplication::applicationFilePath() + ' ' + probeOption +
+    // The probe is a copy of this program beside the script: the build directory may lie
+    // where the service account cannot reach (a clone under /root).
+    const QString probe = base + "/probe";
+    if (!QFile::copy(QCoreApplication::applicationFilePath(), probe) ||
+        !QFile::setPermissions(probe, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
+                                          QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther |
+                                          QFile::ExeOther)) {
+        return 0;
+    }
+    const QString command = probe + ' ' + probeOption +
                             " $(cat /run/orvanta/orvanta-selvane.pid) " + keyboard->devicePath() +
                             " > " + outDir + "/probe; echo ran >> " + outDir + "/runs\n";
     if (!writeFile(script, command.toUtf8()) ||
